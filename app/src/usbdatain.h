@@ -1,0 +1,57 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <ostr/OstrTypes.h>
+
+class Conn;
+class UsbDBufferList;
+
+// The single FIFO of transfer requests and its worker loop. Producers on any thread call
+// send_data(); the worker (process(), on the transfer thread) sends one request at a time over
+// the transport that serves the current link type, completes it and deletes it.
+class UsbDataIn : public QObject {
+    Q_OBJECT
+public:
+    explicit UsbDataIn(const QList<Conn *> &connections);
+    ~UsbDataIn() override;
+
+    // Sends SIGUSR1 to the transfer thread so that a blocking transport call returns with EINTR.
+    // Does nothing before the worker has started.
+    void interrupt();
+
+public slots:
+    void process();
+    bool send_data(UsbDBufferList *buffers);
+    void setLinkType(OstrTypes::E_LinkType linkType);
+
+private:
+    quint8 linkType_ = 0;
+    QList<Conn *> connections_;
+    QList<UsbDBufferList *> queue_;
+    bool pending_ = false;
+    pthread_mutex_t lock_;
+    pthread_cond_t condition_;
+};
+
+// Receives one file from the host over the bulk OUT endpoint, for the D-Bus method open_file.
+class usbd_worker : public QObject {
+    Q_OBJECT
+public:
+    usbd_worker(int descriptor, const QString &path, int size, QObject *parent);
+
+public slots:
+    void process();
+
+signals:
+    void finished();
+
+private:
+    int descriptor_;
+    QString path_;
+    int size_;
+};

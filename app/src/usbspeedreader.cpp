@@ -1,0 +1,97 @@
+#include "usbspeedreader.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <QDir>
+
+#include <usbd/unique_fd.h>
+
+#include "logging.h"
+#include "paths.h"
+
+namespace {
+
+struct SpeedName {
+    int speed;
+    const char *name;
+};
+
+// Tried in this order; the kernel's name for super speed plus starts with "super-speed" and so
+// counts as super speed too.
+constexpr SpeedName kSpeedNames[] = {
+    {0, "UNKNOWN"},    {1, "low-speed"}, {2, "full-speed"},
+    {3, "high-speed"}, {4, "wireless"},  {5, "super-speed"},
+};
+constexpr int kSuperSpeed = 5;
+constexpr size_t kReadLimit = 1024;
+
+} // namespace
+
+UsbSpeedReader::UsbSpeedReader(QObject *parent) : QObject(parent) {}
+
+void UsbSpeedReader::onUsbLinkChanged(bool status)
+{
+    if (status)
+        updateUsbSpeed();
+    else
+        setSuperSpeed(false);
+}
+
+void UsbSpeedReader::onIosConnStateChanged(IOSConnStateWatcher::State state)
+{
+    switch (state) {
+    case IOSConnStateWatcher::MfiState:
+        updateUsbSpeed();
+        break;
+    case IOSConnStateWatcher::NotConnectedState:
+    case IOSConnStateWatcher::WifiState:
+        setSuperSpeed(false);
+        break;
+    default:
+        break;
+    }
+}
+
+void UsbSpeedReader::updateUsbSpeed()
+{
+    const QStringList controllers =
+        QDir(QString::fromLatin1(usbd::kUdcClassDir)).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
+    if (controllers.isEmpty()) {
+        qCDebug(lcUsbd) << "failed to open directoy" << usbd::kUdcClassDir;
+        setSuperSpeed(false);
+        return;
+    }
+
+    const QByteArray path = QByteArray(usbd::kUdcClassDir) + controllers.first().toLocal8Bit() + "/current_speed";
+    usbd::UniqueFd fd(::open(path.constData(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        setSuperSpeed(false);
+        return;
+    }
+    char text[kReadLimit];
+    const ssize_t n = ::read(fd.get(), text, sizeof(text));
+    if (n <= 0) {
+        qWarning() << "failed to read current_speed";
+        setSuperSpeed(false);
+        return;
+    }
+
+    for (const SpeedName &row : kSpeedNames) {
+        const size_t length = strlen(row.name);
+        if (size_t(n) >= length && memcmp(text, row.name, length) == 0) {
+            setSuperSpeed(row.speed == kSuperSpeed);
+            return;
+        }
+    }
+    setSuperSpeed(false);
+}
+
+void UsbSpeedReader::setSuperSpeed(bool value)
+{
+    if (value == superSpeed_)
+        return;
+    superSpeed_ = value;
+    qCDebug(lcUsbd) << "super_speed changed:" << value;
+    emit superSpeedChanged(value);
+}

@@ -24,6 +24,10 @@ public:
     // Does nothing before the worker has started.
     void interrupt();
 
+    // Makes process() return once the request in flight (if any) is complete; the daemon never
+    // calls it, but whoever tears the queue down must, before deleting it.
+    void quit();
+
 public slots:
     void process();
     bool send_data(UsbDBufferList *buffers);
@@ -34,6 +38,7 @@ private:
     QList<Conn *> connections_;
     QList<UsbDBufferList *> queue_;
     bool pending_ = false;
+    bool quitting_ = false;
     pthread_mutex_t lock_;
     pthread_cond_t condition_;
 };

@@ -4,6 +4,10 @@
 #include <QObject>
 #include <QString>
 
+#include <cstddef>
+
+#include <usbd/unique_fd.h>
+
 class ArvoMemShare;
 
 // One contiguous piece of data of a transfer request: size() bytes from
@@ -25,6 +29,7 @@ public:
 };
 
 // Bytes held in the daemon's memory; shares the caller's QByteArray without copying it.
+// map() refuses a range that reaches past the end of the array.
 class UsbDBufferMem : public UsbDBuffer {
     Q_OBJECT
 public:
@@ -49,7 +54,8 @@ private:
     quint16 sessionId_;
 };
 
-// A file, opened and mapped read-only by map(); owns its descriptor and mapping.
+// A file, opened and mapped read-only by map(); owns its descriptor and mapping. map() refuses
+// a range that reaches past the end of the file as it was mapped.
 class UsbDBufferPath : public UsbDBuffer {
     Q_OBJECT
 public:
@@ -72,9 +78,9 @@ private:
     void unmapAndClose();
 
     QString path_;
-    int fd_ = -1;
-    void *mapping_ = nullptr;
-    quint32 mappingLength_ = 0;
+    usbd::UniqueFd fd_;
+    void *mapping_ = nullptr; // null before map(), MAP_FAILED after a failed mmap
+    size_t mappingLength_ = 0;
     quint32 offset_;
     quint32 size_;
     quint32 elementAlignment_;

@@ -5,6 +5,8 @@
 #include <QObject>
 #include <QSharedPointer>
 
+#include <usbd/unique_fd.h>
+
 class UsbDBuffer;
 
 // One transfer request: ordered buffers it owns, and the way to answer the requester.
@@ -44,15 +46,12 @@ private:
 // therefore never reach another connection that was given the same number in the meantime.
 class UsbDSocketConnection {
 public:
-    explicit UsbDSocketConnection(int fd);
-    ~UsbDSocketConnection(); // closes the descriptor
-    UsbDSocketConnection(const UsbDSocketConnection &) = delete;
-    UsbDSocketConnection &operator=(const UsbDSocketConnection &) = delete;
+    explicit UsbDSocketConnection(int fd) : fd_(fd) {}
 
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
 
 private:
-    int fd_;
+    usbd::UniqueFd fd_; // closed when the last reference goes
 };
 using UsbDSocketConnectionPtr = QSharedPointer<UsbDSocketConnection>;
 

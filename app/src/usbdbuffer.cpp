@@ -1,0 +1,131 @@
+#include "usbdbuffer.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <limits>
+
+#include <QDebug>
+
+#include "logging.h"
+
+namespace {
+
+// The transports read offset..offset+size straight from the region, so a range reaching past
+// it would read foreign memory (or fault). Computed in 64 bits: offset + size can exceed 4 GiB.
+bool rangeWithin(quint32 offset, quint32 size, quint64 regionLength)
+{
+    return quint64(offset) + quint64(size) <= regionLength;
+}
+
+void warnOutOfRange(const char *kind, quint32 offset, quint32 size, quint64 regionLength)
+{
+    qCWarning(lcUsbdBuffer) << kind << "range outside its region: offset:" << offset
+                            << "size:" << size << "region:" << regionLength;
+}
+
+} // namespace
+
+UsbDBufferMem::UsbDBufferMem(const QByteArray &data, quint32 offset, quint32 size,
+                             quint32 elementAlignment, quint32 elementPadding, quint16 sessionId,
+                             QObject *parent)
+    : UsbDBuffer(parent),
+      data_(data),
+      offset_(offset),
+      size_(size),
+      elementAlignment_(elementAlignment),
+      elementPadding_(elementPadding),
+      sessionId_(sessionId)
+{
+    qCDebug(lcUsbdBuffer) << "offset:" << offset_ << "size:" << size_ << "alignment:"
+                          << elementAlignment_;
+}
+
+bool UsbDBufferMem::map()
+{
+    if (!rangeWithin(offset_, size_, quint64(data_.size()))) {
+        warnOutOfRange("memory buffer", offset_, size_, quint64(data_.size()));
+        return false;
+    }
+    return true;
+}
+
+const uchar *UsbDBufferMem::virtualAddress()
+{
+    // constData() never detaches, so the bytes stay shared with the front end's array.
+    return reinterpret_cast<const uchar *>(data_.constData());
+}
+
+UsbDBufferPath::UsbDBufferPath(const QString &path, quint32 offset, quint32 size,
+                               quint32 elementAlignment, quint32 elementPadding,
+                               quint16 sessionId, QObject *parent)
+    : UsbDBuffer(parent),
+      path_(path),
+      offset_(offset),
+      size_(size),
+      elementAlignment_(elementAlignment),
+      elementPadding_(elementPadding),
+      sessionId_(sessionId)
+{
+    qCDebug(lcUsbdBuffer) << "offset:" << offset_ << "size:" << size_ << "alignment:"
+                          << elementAlignment_;
+}
+
+UsbDBufferPath::~UsbDBufferPath()
+{
+    unmapAndClose();
+}
+
+void UsbDBufferPath::unmapAndClose()
+{
+    if (mapping_ != nullptr && mapping_ != MAP_FAILED)
+        ::munmap(mapping_, mappingLength_);
+    mapping_ = nullptr;
+    mappingLength_ = 0;
+    fd_.reset();
+}
+
+bool UsbDBufferPath::map()
+{
+    // A repeated map() starts over, so that nothing of the first one is left behind.
+    unmapAndClose();
+
+    const QByteArray encodedPath = path_.toUtf8();
+    fd_.reset(::open(encodedPath.constData(), O_RDONLY | O_CLOEXEC));
+    if (!fd_.valid()) {
+        qWarning().noquote() << "file not found: " + path_;
+        return false;
+    }
+
+    struct stat st;
+    if (::fstat(fd_.get(), &st) < 0) {
+        qWarning() << "stat() failed";
+        return false;
+    }
+    if (st.st_size < 0 || quint64(st.st_size) > std::numeric_limits<size_t>::max()) {
+        qCWarning(lcUsbdBuffer) << "file too large to map:" << path_;
+        return false;
+    }
+
+    // The whole file from byte 0: offset and size are applied by the reader, and the range
+    // check below is against the file's size at this moment. An empty file fails here
+    // (zero-length mappings are refused) without a message.
+    mappingLength_ = size_t(st.st_size);
+    mapping_ = ::mmap(nullptr, mappingLength_, PROT_READ, MAP_SHARED, fd_.get(), 0);
+    if (mapping_ == MAP_FAILED)
+        return false;
+
+    if (!rangeWithin(offset_, size_, mappingLength_)) {
+        warnOutOfRange("file buffer", offset_, size_, mappingLength_);
+        return false;
+    }
+    return true;
+}
+
+const uchar *UsbDBufferPath::virtualAddress()
+{
+    if (mapping_ == MAP_FAILED)
+        return nullptr;
+    return static_cast<const uchar *>(mapping_);
+}

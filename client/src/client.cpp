@@ -1,0 +1,209 @@
+#include <usbd/client.h>
+
+#include <endian.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace usbd::client {
+namespace {
+
+constexpr std::uint32_t kKindSend = 1;
+constexpr std::uint32_t kKindInterrupt = 2;
+constexpr std::size_t kHeaderSize = 8;
+constexpr std::size_t kEntrySize = 28;
+constexpr std::size_t kEndEntrySize = 4; // only the end entry's type word is sent
+
+void putU32(std::uint8_t *p, std::uint32_t value)
+{
+    value = htole32(value);
+    std::memcpy(p, &value, sizeof value);
+}
+
+void putU64(std::uint8_t *p, std::uint64_t value)
+{
+    value = htole64(value);
+    std::memcpy(p, &value, sizeof value);
+}
+
+std::uint32_t getU32(const std::uint8_t *p)
+{
+    std::uint32_t value;
+    std::memcpy(&value, p, sizeof value);
+    return le32toh(value);
+}
+
+long long monotonicMs()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+} // namespace
+
+SendRequest &SendRequest::addMemory(const void *data, std::uint32_t size,
+                                    std::uint32_t elementAlignment, std::uint32_t elementPadding)
+{
+    entries_.push_back({kEntryMemory, size, 0, elementAlignment, elementPadding, 0, data_.size()});
+    const auto *bytes = static_cast<const std::uint8_t *>(data);
+    data_.insert(data_.end(), bytes, bytes + size);
+    return *this;
+}
+
+SendRequest &SendRequest::addHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size,
+                                    std::uint32_t elementAlignment, std::uint32_t elementPadding)
+{
+    entries_.push_back({kEntryHandle, size, offset, elementAlignment, elementPadding, handle, 0});
+    return *this;
+}
+
+SendRequest &SendRequest::addOther(std::uint32_t type)
+{
+    entries_.push_back({type, 0, 0, 0, 0, 0, 0});
+    return *this;
+}
+
+std::size_t SendRequest::encodedSize() const
+{
+    return kHeaderSize + entries_.size() * kEntrySize + kEndEntrySize + data_.size();
+}
+
+bool SendRequest::encode(std::vector<std::uint8_t> *out) const
+{
+    out->clear();
+    const std::size_t size = encodedSize();
+    if (size > kMaxRequestSize)
+        return false;
+    out->assign(size, 0);
+
+    std::uint8_t *p = out->data();
+    putU32(p, kKindSend);
+    putU32(p + 4, requestId_);
+    const std::size_t dataOffset = kHeaderSize + entries_.size() * kEntrySize + kEndEntrySize;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        const Entry &e = entries_[i];
+        std::uint8_t *entry = p + kHeaderSize + i * kEntrySize;
+        putU32(entry, e.type);
+        putU32(entry + 4, e.size);
+        // Fits in 32 bits: the whole request is at most kMaxRequestSize bytes.
+        putU32(entry + 8, e.type == kEntryMemory ? std::uint32_t(dataOffset + e.dataStart) : e.offset);
+        putU32(entry + 12, e.elementAlignment);
+        putU32(entry + 16, e.elementPadding);
+        putU64(entry + 20, e.handle);
+    }
+    // The end entry's type word is already 0.
+    if (!data_.empty())
+        std::memcpy(p + dataOffset, data_.data(), data_.size());
+    return true;
+}
+
+std::vector<std::uint8_t> SendRequest::encode() const
+{
+    std::vector<std::uint8_t> out;
+    encode(&out);
+    return out;
+}
+
+std::vector<std::uint8_t> encodeInterrupt()
+{
+    std::vector<std::uint8_t> out(kHeaderSize, 0);
+    putU32(out.data(), kKindInterrupt);
+    return out;
+}
+
+bool decodeResponse(const std::uint8_t *data, std::size_t length, Response *response)
+{
+    if (length < kResponseSize)
+        return false;
+    response->requestId = getU32(data);
+    response->status = static_cast<std::int32_t>(getU32(data + 4));
+    return true;
+}
+
+int Connection::connect(const std::string &path)
+{
+    close();
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path)
+        return -ENAMETOOLONG;
+    std::memcpy(address.sun_path, path.data(), path.size());
+
+    usbd::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd)
+        return -errno;
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0)
+        return -errno;
+    fd_ = std::move(fd);
+    return 0;
+}
+
+int Connection::send(const std::vector<std::uint8_t> &request)
+{
+    if (!fd_)
+        return -EBADF;
+    ssize_t written;
+    do {
+        written = ::send(fd_.get(), request.data(), request.size(), MSG_NOSIGNAL);
+    } while (written < 0 && errno == EINTR);
+    if (written < 0)
+        return -errno;
+    return std::size_t(written) == request.size() ? 0 : -EMSGSIZE;
+}
+
+int Connection::receive(Response *response, int timeoutMs)
+{
+    if (!fd_)
+        return -EBADF;
+    const long long deadline = timeoutMs < 0 ? -1 : monotonicMs() + timeoutMs;
+    while (partialLength_ < kResponseSize) {
+        int waitMs = -1;
+        if (deadline >= 0) {
+            const long long left = deadline - monotonicMs();
+            waitMs = left > 0 ? int(left) : 0;
+        }
+        pollfd p{fd_.get(), POLLIN, 0};
+        const int ready = ::poll(&p, 1, waitMs);
+        if (ready < 0) {
+            if (errno == EINTR)
+                continue;
+            return -errno;
+        }
+        if (ready == 0)
+            return -ETIMEDOUT;
+        const ssize_t got = ::recv(fd_.get(), partial_ + partialLength_,
+                                   kResponseSize - partialLength_, MSG_DONTWAIT);
+        if (got == 0)
+            return -ECONNRESET;
+        if (got < 0) {
+            if (errno == EINTR || errno == EAGAIN)
+                continue;
+            return -errno;
+        }
+        partialLength_ += std::size_t(got);
+    }
+    partialLength_ = 0;
+    decodeResponse(partial_, kResponseSize, response);
+    return 0;
+}
+
+int Connection::shutdownSending()
+{
+    if (!fd_)
+        return -EBADF;
+    return ::shutdown(fd_.get(), SHUT_WR) < 0 ? -errno : 0;
+}
+
+void Connection::close()
+{
+    fd_.reset();
+    partialLength_ = 0;
+}
+
+} // namespace usbd::client

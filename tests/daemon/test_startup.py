@@ -1,0 +1,93 @@
+"""Start-up of the real daemon binary: command line, the function on the emulator, failures."""
+
+import os
+import subprocess
+import sys
+import textwrap
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+
+from usbdtest import USBD, Emulator, wait_for  # noqa: E402
+
+
+class CommandLine(unittest.TestCase):
+
+    def run_usbd(self, *args):
+        return subprocess.run([USBD, *args], capture_output=True, text=True, timeout=20,
+                              stdin=subprocess.DEVNULL)
+
+    def test_help_version_and_unknown_options(self):
+        result = self.run_usbd("--help")
+        self.assertEqual(result.returncode, 0)
+        self.assertIn("Handles USB device communication", result.stdout)
+        self.assertIn("-s, --session", result.stdout)
+        self.assertIn("Use session bus", result.stdout)
+
+        for option in ("--version", "-v"):
+            result = self.run_usbd(option)
+            self.assertEqual(result.returncode, 0)
+            self.assertEqual(result.stdout.strip(), "usbd 1.0")
+
+        result = self.run_usbd("--no-such-option")
+        self.assertNotEqual(result.returncode, 0)
+        self.assertIn("Unknown option 'no-such-option'", result.stderr)
+
+    def test_unknown_option_opens_nothing(self):
+        emu = Emulator(command=[USBD, "--bogus"])
+        self.addCleanup(emu.stop)
+        self.assertNotEqual(emu.process.wait(timeout=20), 0)
+        self.assertIn("Unknown option 'bogus'", emu.log())
+        self.assertNotIn("function ready", emu.log())
+
+
+class Startup(unittest.TestCase):
+
+    def test_function_comes_up_on_the_emulator(self):
+        emu = Emulator()
+        self.addCleanup(emu.stop)
+        emu.wait_control()
+        emu.wait_ready()
+        status = emu.status()
+        function = status["function"]
+        self.assertEqual(function["interfaces"][0]["class"], 0xFF)
+        self.assertEqual([ep["address"] for ep in function["endpoints"]], [0x01, 0x02, 0x81, 0x82])
+        self.assertTrue(all(ep["type"] == "bulk" for ep in function["endpoints"]))
+        self.assertEqual(function["strings"], ["CTRL Interface"])
+        self.assertIn("function ready", emu.log())
+        emu.wait_service()
+        self.assertIsNone(emu.process.poll())
+
+    def test_failed_hal_initialisation_ends_the_process(self):
+        emu = Emulator(env={"ARVO_HAL_FAIL_INIT": "-1005"})
+        self.addCleanup(emu.stop)
+        self.assertNotEqual(emu.process.wait(timeout=20), 0)
+        self.assertIn("arvo_hal_initialize: -1005", emu.log())
+
+    def test_runs_without_functionfs(self):
+        # A private mount namespace with its own /tmp and session bus, and no FunctionFS at all.
+        script = textwrap.dedent(f"""
+            set -e
+            mount -t tmpfs tmpfs /tmp
+            dbus-daemon --session --fork --print-address=3 --print-pid=4 3>/tmp/addr 4>/tmp/pid
+            export DBUS_SESSION_BUS_ADDRESS=$(cat /tmp/addr)
+            trap 'kill $(cat /tmp/pid) 2>/dev/null; kill $usbd 2>/dev/null' EXIT
+            QT_LOGGING_RULES=usbd.debug=true {USBD} -s 2>/tmp/log & usbd=$!
+            for i in $(seq 100); do
+              gdbus call --session -d com.korvane.usbd -o /com/korvane/usbd \\
+                -m org.freedesktop.DBus.Properties.Get com.korvane.usbd link_type 2>/dev/null && break
+              sleep 0.1
+            done
+            kill -0 $usbd
+            cat /tmp/log
+        """)
+        result = subprocess.run(["unshare", "-m", "--propagation", "private", "bash", "-c", script],
+                                capture_output=True, text=True, timeout=60)
+        self.assertEqual(result.returncode, 0, result.stderr + result.stdout)
+        self.assertIn("(<0>,)", result.stdout)
+        self.assertIn("failed to open ep0", result.stdout)
+        self.assertIn("writing descriptors failed", result.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

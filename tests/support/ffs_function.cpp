@@ -1,0 +1,62 @@
+#include "ffs_function.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "functionfs.h"
+#include "paths.h"
+
+namespace usbdtest {
+
+namespace {
+
+bool writeBlob(int fd, const uint8_t *data, size_t size, const char *what, std::string *why)
+{
+    const ssize_t written = ::write(fd, data, size);
+    if (written == ssize_t(size))
+        return true;
+    *why = std::string("writing ") + what + " failed: "
+           + (written < 0 ? std::strerror(errno) : "short write");
+    return false;
+}
+
+bool openEndpoint(usbd::UniqueFd *fd, const char *path, int flags, std::string *why)
+{
+    fd->reset(::open(path, flags));
+    if (fd->valid())
+        return true;
+    *why = std::string("cannot open ") + path + ": " + std::strerror(errno);
+    return false;
+}
+
+} // namespace
+
+bool bringUpFunction(FfsFunction *function, std::string *why)
+{
+    if (!openEndpoint(&function->ep0, usbd::kFfsEp0Path, O_RDWR | O_CLOEXEC, why))
+        return false;
+    const auto descriptors = usbd::functionfs::descriptorsBlob();
+    const auto &strings = usbd::functionfs::stringsBlob();
+    if (!writeBlob(function->ep0.get(), descriptors.data(), descriptors.size(), "descriptors", why)
+        || !writeBlob(function->ep0.get(), strings.data(), strings.size(), "strings", why))
+        return false;
+    return openEndpoint(&function->ep1, usbd::kFfsEp1Path, O_RDWR | O_CLOEXEC, why)
+           && openEndpoint(&function->ep3, usbd::kFfsEp3Path, O_RDWR | O_CLOEXEC, why);
+}
+
+bool emuctl(const std::string &args)
+{
+    const char *name = std::getenv("USBD_EMU_NAME");
+    const char *tool = std::getenv("USBD_EMUCTL_BIN");
+    if (name == nullptr)
+        return false;
+    const std::string command = std::string(tool ? tool : "usbd-emuctl") + " --name " + name
+                                + " " + args + " >/dev/null";
+    return std::system(command.c_str()) == 0;
+}
+
+} // namespace usbdtest

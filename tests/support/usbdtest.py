@@ -1,0 +1,188 @@
+"""Helpers for system tests: the real usbd on the device emulator, reached from the test process.
+
+The emulator runs the daemon inside a private mount and pid namespace. The test stays outside and
+reaches the inside through /proc/<pid>/root of a process in the namespace: the private system bus,
+the request socket and the files the emulator writes are all there.
+"""
+
+import json
+import os
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+
+BUILD_DIR = os.environ.get("USBD_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
+USBD = os.environ.get("USBD_BIN", os.path.join(BUILD_DIR, "usbd"))
+EMU = os.environ.get("USBD_EMU_BIN", os.path.join(BUILD_DIR, "usbd-emu"))
+EMUCTL = os.environ.get("USBD_EMUCTL_BIN", os.path.join(BUILD_DIR, "usbd-emuctl"))
+
+SERVICE = "com.korvane.usbd"
+OBJECT_PATH = "/com/korvane/usbd"
+INTERFACE = "com.korvane.usbd"
+
+
+def wait_for(predicate, timeout=10.0, interval=0.02, what="condition"):
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"timed out after {timeout}s waiting for {what}")
+        time.sleep(interval)
+
+
+class Emulator:
+    """One emulator running `command` (by default the daemon) under a unique name."""
+
+    _count = 0
+
+    def __init__(self, command=None, dbus=True, env=None, extra_args=(), log_debug=True):
+        Emulator._count += 1
+        self.name = f"t{os.getpid()}-{Emulator._count}"
+        self.tmp = tempfile.TemporaryDirectory(prefix="usbd-test-")
+        self.log_path = os.path.join(self.tmp.name, "emu.log")
+        self.capture_path = os.path.join(self.tmp.name, "capture.bin")
+        args = [EMU, "--name", self.name, "--capture", self.capture_path]
+        if dbus:
+            args.append("--dbus")
+        args += list(extra_args)
+        args += ["--"] + (command or [USBD])
+        run_env = dict(os.environ)
+        if log_debug:
+            run_env["QT_LOGGING_RULES"] = "usbd.debug=true;usbconn.debug=true;usbdsocket.debug=true"
+        run_env.update(env or {})
+        self._log = open(self.log_path, "wb")
+        self.process = subprocess.Popen(args, stdout=self._log, stderr=subprocess.STDOUT,
+                                        stdin=subprocess.DEVNULL, env=run_env)
+        self._bus = None
+
+    # --- control -------------------------------------------------------------------------
+    def ctl(self, *args, check=True, input=None, timeout=20):
+        result = subprocess.run([EMUCTL, "--name", self.name, *map(str, args)], input=input,
+                                capture_output=True, timeout=timeout)
+        if check and result.returncode != 0:
+            raise AssertionError(f"usbd-emuctl {' '.join(map(str, args))} failed "
+                                 f"({result.returncode}): {result.stderr.decode(errors='replace')}")
+        return result
+
+    def status(self):
+        return json.loads(self.ctl("status", "--json").stdout)
+
+    def wait_ready(self, timeout=15):
+        self.ctl("wait-ready", "--timeout", timeout, timeout=timeout + 5)
+
+    def wait_control(self, timeout=10):
+        """Waits until the emulator answers on its control socket."""
+        def up():
+            if self.process.poll() is not None:
+                raise AssertionError(f"emulator ended early ({self.process.returncode}):\n{self.log()}")
+            return self.ctl("status", "--json", check=False).returncode == 0
+        wait_for(up, timeout, what="emulator control socket")
+
+    def root(self):
+        """A path to the namespace's root directory."""
+        return f"/proc/{self.process.pid}/root"
+
+    def inside(self, path):
+        return self.root() + path
+
+    # --- daemon --------------------------------------------------------------------------
+    def log(self):
+        self._log.flush()
+        with open(self.log_path, "rb") as f:
+            return f.read().decode(errors="replace")
+
+    def wait_log(self, text, timeout=10):
+        wait_for(lambda: text in self.log(), timeout, what=f"log line {text!r}")
+
+    def capture(self):
+        with open(self.capture_path, "rb") as f:
+            return f.read()
+
+    def bus(self):
+        if self._bus is None:
+            import dbus
+            address = f"unix:path={self.inside('/run/dbus/system_bus_socket')}"
+            self._bus = dbus.bus.BusConnection(address)
+        return self._bus
+
+    def wait_service(self, timeout=15):
+        wait_for(lambda: self._has_owner(), timeout, what="com.korvane.usbd on the bus")
+
+    def _has_owner(self):
+        if self.process.poll() is not None:
+            raise AssertionError(f"emulator ended early ({self.process.returncode}):\n{self.log()}")
+        try:
+            return bool(self.bus().name_has_owner(SERVICE))
+        except Exception:
+            self._bus = None
+            return False
+
+    def usbd(self):
+        """The daemon's object, as a python-dbus proxy."""
+        import dbus
+        return dbus.Interface(self.bus().get_object(SERVICE, OBJECT_PATH), INTERFACE)
+
+    def socket_path(self):
+        return self.inside("/tmp/usbd-socket")
+
+    def connect_socket(self, timeout=10):
+        def attempt():
+            s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            try:
+                s.connect(self.socket_path())
+                return s
+            except OSError:
+                s.close()
+                return None
+        return wait_for(attempt, timeout, what="the request socket")
+
+    # --- teardown ------------------------------------------------------------------------
+    def stop(self):
+        if self._bus is not None:
+            try:
+                self._bus.close()
+            except Exception:
+                pass
+            self._bus = None
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+            try:
+                self.process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        self._log.close()
+        self.tmp.cleanup()
+
+
+class DaemonTestCase(unittest.TestCase):
+    """Runs each test against a fresh daemon on a fresh emulator, with the service up."""
+
+    emulator_env = None
+
+    def setUp(self):
+        self.emu = Emulator(env=self.emulator_env)
+        self.addCleanup(self._stop)
+        self.emu.wait_control()
+        self.emu.wait_ready()
+        self.emu.wait_service()
+
+    def _stop(self):
+        if self._outcome_failed():
+            print(f"\n--- emulator and daemon log ({self.id()}) ---\n{self.emu.log()}")
+        self.emu.stop()
+
+    def _outcome_failed(self):
+        outcome = getattr(self, "_outcome", None)
+        if outcome is None:
+            return False
+        errors = getattr(outcome, "errors", None) or []
+        result = getattr(outcome, "result", None)
+        if result is not None:
+            return any(test is self for test, _ in result.failures + result.errors)
+        return any(exc for _, exc in errors)

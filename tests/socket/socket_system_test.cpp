@@ -1,0 +1,389 @@
+// The socket front end of the real daemon, on the device emulator. Each test runs in a fresh
+// emulator (see CMakeLists.txt): this binary is the emulator's command, starts usbd itself, and
+// drives the emulated host with usbd-emuctl. Environment: USBD_BIN, USBD_EMUCTL, USBD_EMU_NAME.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <linux/sockios.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <usbd/client.h>
+
+#include "arvo.h"
+#include "arvomemshare.h"
+
+using namespace std::chrono_literals;
+using usbd::client::Connection;
+using usbd::client::Response;
+using usbd::client::SendRequest;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+constexpr char kDaemonLog[] = "/tmp/usbd.log";
+constexpr char kCapture[] = "/tmp/ep3.capture";
+constexpr int kResponseTimeoutMs = 5000;
+
+std::string env(const char *name)
+{
+    const char *value = std::getenv(name);
+    return value ? value : "";
+}
+
+std::string readFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+int countOf(const std::string &text, const std::string &what)
+{
+    int n = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+// Runs a program and returns its exit status (-1 if it could not run or was killed).
+int run(const std::vector<std::string> &argv)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        std::vector<char *> args;
+        for (const std::string &a : argv)
+            args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
+}
+
+class SocketSystem : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        usbd_ = env("USBD_BIN");
+        emuctl_ = env("USBD_EMUCTL");
+        emuName_ = env("USBD_EMU_NAME");
+        if (usbd_.empty() || emuctl_.empty() || emuName_.empty())
+            GTEST_SKIP() << "run under usbd-emu with USBD_BIN, USBD_EMUCTL and USBD_EMU_NAME set";
+    }
+
+    void TearDown() override
+    {
+        if (daemon_ > 0) {
+            kill(daemon_, SIGTERM);
+            waitpid(daemon_, nullptr, 0);
+        }
+        if (HasFailure())
+            std::cerr << "---- daemon log ----\n" << readFile(kDaemonLog) << "--------------------\n";
+    }
+
+    int emuctl(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), {emuctl_, "--name", emuName_});
+        return run(args);
+    }
+
+    // Starts usbd with its output in kDaemonLog.
+    void startDaemon()
+    {
+        daemon_ = fork();
+        ASSERT_GE(daemon_, 0);
+        if (daemon_ == 0) {
+            const int log = open(kDaemonLog, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            dup2(log, STDOUT_FILENO);
+            dup2(log, STDERR_FILENO);
+            execl(usbd_.c_str(), usbd_.c_str(), static_cast<char *>(nullptr));
+            _exit(127);
+        }
+    }
+
+    bool daemonRunning() { return daemon_ > 0 && waitpid(daemon_, nullptr, WNOHANG) == 0; }
+
+    // Waits until the daemon's log holds `count` lines containing `text`.
+    bool waitForLog(const std::string &text, int count = 1)
+    {
+        for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;) {
+            if (countOf(readFile(kDaemonLog), text) >= count)
+                return true;
+            std::this_thread::sleep_for(10ms);
+        }
+        return false;
+    }
+
+    void connect(Connection *connection)
+    {
+        int result = -1;
+        for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;) {
+            result = connection->connect();
+            if (result == 0)
+                return;
+            std::this_thread::sleep_for(20ms);
+        }
+        FAIL() << "cannot connect to the daemon: " << strerror(-result);
+    }
+
+    // Starts the daemon, captures ep3 and plugs the host; returns once the daemon has the USB
+    // link, that is once an empty request is sent rather than failed for want of a link.
+    void startLinked(Connection *connection)
+    {
+        ASSERT_NO_FATAL_FAILURE(startDaemon());
+        ASSERT_EQ(emuctl({"wait-ready", "--timeout", "10"}), 0);
+        ASSERT_EQ(emuctl({"capture", kCapture}), 0);
+        ASSERT_NO_FATAL_FAILURE(connect(connection));
+        ASSERT_EQ(emuctl({"plug"}), 0);
+        for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;) {
+            Response response;
+            ASSERT_EQ(connection->send(SendRequest(0).encode()), 0);
+            ASSERT_EQ(connection->receive(&response, kResponseTimeoutMs), 0);
+            if (response.sent())
+                return;
+            std::this_thread::sleep_for(20ms);
+        }
+        FAIL() << "the daemon never saw the USB link";
+    }
+
+    // Waits until the daemon has read everything sent on the connection, so that the next
+    // request cannot arrive in the same read.
+    static void waitUntilRead(const Connection &connection)
+    {
+        for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;) {
+            int unread = -1;
+            ASSERT_EQ(ioctl(connection.fd(), SIOCOUTQ, &unread), 0);
+            if (unread == 0)
+                return;
+            std::this_thread::sleep_for(5ms);
+        }
+        FAIL() << "the daemon does not read its connection";
+    }
+
+    static Response exchange(Connection *connection, const Bytes &request)
+    {
+        Response response{0xDEADBEEF, 99};
+        EXPECT_EQ(connection->send(request), 0);
+        EXPECT_EQ(connection->receive(&response, kResponseTimeoutMs), 0);
+        return response;
+    }
+
+    static void expectNoResponse(Connection *connection)
+    {
+        Response response;
+        EXPECT_EQ(connection->receive(&response, 200), -ETIMEDOUT)
+            << "unexpected response to request " << response.requestId;
+    }
+
+    std::string usbd_;
+    std::string emuctl_;
+    std::string emuName_;
+    pid_t daemon_ = -1;
+};
+
+} // namespace
+
+TEST_F(SocketSystem, RequestsReachTheHostInEntryOrderAndAreAnswered)
+{
+    Connection client;
+    ASSERT_NO_FATAL_FAILURE(startLinked(&client));
+
+    // The 45-byte request of the protocol's description: 5 bytes on ep3, then its response.
+    SendRequest example(42);
+    example.addMemory("hello", 5);
+    ASSERT_EQ(example.encodedSize(), 45u);
+    ASSERT_EQ(client.send(example.encode()), 0);
+    Response response;
+    ASSERT_EQ(client.receive(&response, kResponseTimeoutMs), 0);
+    EXPECT_EQ(response.requestId, 42u);
+    EXPECT_EQ(response.status, 0);
+    EXPECT_EQ(readFile(kCapture), "hello");
+
+    // An empty request is answered too, and sends nothing.
+    response = exchange(&client, SendRequest(43).encode());
+    EXPECT_EQ(response.requestId, 43u);
+    EXPECT_EQ(response.status, 0);
+    EXPECT_EQ(readFile(kCapture), "hello");
+
+    // Memory entries keep their order around an entry of unknown type; padding follows its
+    // element.
+    SendRequest mixed(44);
+    mixed.addMemory("first-", 6, 0, 3).addOther(3).addMemory("second", 6);
+    response = exchange(&client, mixed.encode());
+    EXPECT_EQ(response.requestId, 44u);
+    EXPECT_EQ(response.status, 0);
+    EXPECT_EQ(readFile(kCapture), std::string("hellofirst-\0\0\0second", 20));
+}
+
+TEST_F(SocketSystem, MemoryAndHandleEntriesKeepTheirOrder)
+{
+    Connection client;
+    ASSERT_NO_FATAL_FAILURE(startLinked(&client));
+
+    // Shared memory held by this process, which the daemon imports by its handle.
+    ASSERT_TRUE(arvo::initialise());
+    ArvoMemShare shared(4096, false, nullptr);
+    shared.map();
+    ASSERT_NE(shared.data(), nullptr);
+    std::memcpy(shared.data(), "0123456789", 10);
+    shared.sync();
+
+    SendRequest mixed(7);
+    mixed.addMemory("<", 1).addHandle(shared.shareHandle(), 2, 6).addOther(3).addMemory(">", 1);
+    const Response response = exchange(&client, mixed.encode());
+    EXPECT_EQ(response.requestId, 7u);
+    EXPECT_EQ(response.status, 0);
+    EXPECT_EQ(readFile(kCapture), "<234567>");
+}
+
+TEST_F(SocketSystem, InterruptFailsTheStalledTransferAndTheNextRequestSucceeds)
+{
+    Connection client;
+    Connection interrupter;
+    ASSERT_NO_FATAL_FAILURE(startLinked(&client));
+    ASSERT_NO_FATAL_FAILURE(connect(&interrupter));
+
+    ASSERT_EQ(emuctl({"stall"}), 0);
+    const std::string data(1000, 'x');
+    SendRequest stalled(1);
+    stalled.addMemory(data.data(), std::uint32_t(data.size()));
+    ASSERT_EQ(client.send(stalled.encode()), 0);
+
+    // The worker may not have reached its write when an interrupt arrives, and a signal to an
+    // idle worker changes nothing: interrupt until the transfer gives up.
+    Response response;
+    int result = -ETIMEDOUT;
+    for (int i = 0; i < 25 && result == -ETIMEDOUT; ++i) {
+        ASSERT_EQ(interrupter.send(usbd::client::encodeInterrupt()), 0);
+        result = client.receive(&response, 200);
+    }
+    ASSERT_EQ(result, 0);
+    EXPECT_EQ(response.requestId, 1u);
+    EXPECT_EQ(response.status, -1);
+
+    ASSERT_EQ(emuctl({"release"}), 0);
+    SendRequest next(2);
+    next.addMemory("after", 5);
+    response = exchange(&client, next.encode());
+    EXPECT_EQ(response.requestId, 2u);
+    EXPECT_EQ(response.status, 0);
+    // Interrupts are never answered.
+    expectNoResponse(&interrupter);
+    expectNoResponse(&client);
+    const std::string capture = readFile(kCapture);
+    ASSERT_GE(capture.size(), 5u);
+    EXPECT_EQ(capture.substr(capture.size() - 5), "after");
+}
+
+TEST_F(SocketSystem, BadRequestsAreDroppedAndTheConnectionStaysUsable)
+{
+    Connection client;
+    ASSERT_NO_FATAL_FAILURE(startLinked(&client));
+    SendRequest good(10);
+    good.addMemory("ok", 2);
+
+    // A 7-byte read.
+    Bytes shortRequest = SendRequest(11).encode();
+    shortRequest.resize(7);
+    ASSERT_EQ(client.send(shortRequest), 0);
+    ASSERT_TRUE(waitForLog("not enough data for request"));
+    EXPECT_EQ(exchange(&client, good.encode()).requestId, 10u);
+
+    // Memory data past the bytes of the read.
+    Bytes pastEnd = SendRequest(12).addMemory("abc", 3).encode();
+    pastEnd.resize(pastEnd.size() - 1);
+    ASSERT_EQ(client.send(pastEnd), 0);
+    ASSERT_TRUE(waitForLog("malformed request"));
+    EXPECT_EQ(exchange(&client, good.encode()).requestId, 10u);
+
+    // An unknown kind is ignored without a word.
+    Bytes unknownKind = SendRequest(13).addMemory("no", 2).encode();
+    unknownKind[0] = 3;
+    ASSERT_EQ(client.send(unknownKind), 0);
+    ASSERT_NO_FATAL_FAILURE(waitUntilRead(client));
+    EXPECT_EQ(exchange(&client, good.encode()).requestId, 10u);
+    expectNoResponse(&client);
+
+    const std::string log = readFile(kDaemonLog);
+    EXPECT_EQ(countOf(log, "not enough data for request"), 1);
+    EXPECT_EQ(countOf(log, "malformed request"), 1);
+    EXPECT_EQ(readFile(kCapture), "okokok");
+
+    // A client that stops sending still gets the responses it waits for, then the daemon
+    // closes the connection instead of reading its end of data again and again.
+    ASSERT_EQ(client.send(good.encode()), 0);
+    ASSERT_EQ(client.shutdownSending(), 0);
+    Response response;
+    ASSERT_EQ(client.receive(&response, kResponseTimeoutMs), 0);
+    EXPECT_EQ(response.requestId, 10u);
+    EXPECT_EQ(client.receive(&response, kResponseTimeoutMs), -ECONNRESET);
+    EXPECT_TRUE(daemonRunning());
+}
+
+TEST_F(SocketSystem, HungUpClientsResponseNeverReachesTheNextClient)
+{
+    Connection first;
+    ASSERT_NO_FATAL_FAILURE(startLinked(&first));
+
+    // The first client's request waits behind a stalled host while the client hangs up.
+    ASSERT_EQ(emuctl({"stall"}), 0);
+    SendRequest firstRequest(100);
+    firstRequest.addMemory("gone", 4);
+    ASSERT_EQ(first.send(firstRequest.encode()), 0);
+    ASSERT_NO_FATAL_FAILURE(waitUntilRead(first));
+    first.close();
+    ASSERT_TRUE(waitForLog("closing"));
+
+    // A new client, which would be given the first one's descriptor number had it been closed.
+    Connection second;
+    ASSERT_NO_FATAL_FAILURE(connect(&second));
+    SendRequest secondRequest(200);
+    secondRequest.addMemory("here", 4);
+    ASSERT_EQ(second.send(secondRequest.encode()), 0);
+    ASSERT_NO_FATAL_FAILURE(waitUntilRead(second));
+    ASSERT_EQ(emuctl({"release"}), 0);
+
+    Response response;
+    ASSERT_EQ(second.receive(&response, kResponseTimeoutMs), 0);
+    EXPECT_EQ(response.requestId, 200u);
+    EXPECT_EQ(response.status, 0);
+    expectNoResponse(&second);
+    // The gone client's request was still sent; its response failed without harm.
+    EXPECT_EQ(readFile(kCapture), "gonehere");
+    EXPECT_TRUE(waitForLog("failed to write response"));
+    EXPECT_TRUE(daemonRunning());
+}
+
+TEST_F(SocketSystem, StaleSocketFileLeavesTheFrontEndOff)
+{
+    const int stale = open(usbd::client::kDefaultSocketPath, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(stale, 0);
+    close(stale);
+    ASSERT_NO_FATAL_FAILURE(startDaemon());
+    ASSERT_TRUE(waitForLog("bind() failed: -1"));
+
+    Connection client;
+    EXPECT_EQ(client.connect(), -ECONNREFUSED);
+    struct stat st {};
+    ASSERT_EQ(stat(usbd::client::kDefaultSocketPath, &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode)); // left as it was
+    EXPECT_TRUE(daemonRunning());
+}

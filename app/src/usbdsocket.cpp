@@ -103,7 +103,8 @@ bool SocketServer::setUp()
     address.sun_family = AF_UNIX;
     static_assert(sizeof(usbd::kSocketPath) <= sizeof(address.sun_path), "socket path too long");
     std::memcpy(address.sun_path, usbd::kSocketPath, sizeof(usbd::kSocketPath));
-    int result = bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    int result =
+        bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
     if (result < 0) {
         qCWarning(lcUsbdSocket) << "bind() failed:" << result;
         return false;

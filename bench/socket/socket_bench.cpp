@@ -2,7 +2,7 @@
 // memory entries sent by 1 and by 16 concurrent clients, each waiting for its response before
 // the next request, into the emulator's discarding ep3. Runs as the command of usbd-emu (see
 // scripts/bench-socket), starts usbd itself and plugs the emulated host.
-// Environment: USBD_BIN, USBD_EMUCTL, USBD_EMU_NAME. Arguments: [SECONDS per run] [CLIENTS...]
+// Environment: USBD_BIN, USBD_EMUCTL_BIN, USBD_EMU_NAME. Arguments: [SECONDS per run] [CLIENTS...]
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -80,7 +80,8 @@ bool waitForLink(Connection *connection)
 {
     for (auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
         Response response;
-        if (connection->send(SendRequest(0).encode()) != 0 || connection->receive(&response, 5000) != 0)
+        if (connection->send(SendRequest(0).encode()) != 0
+            || connection->receive(&response, 5000) != 0)
             return false;
         if (response.sent())
             return true;
@@ -159,7 +160,8 @@ bool measure(int clients, double seconds)
     }
     std::sort(all.begin(), all.end());
     const double elapsed = std::chrono::duration<double>(end - measureFrom).count();
-    std::printf("socket %dB x%d clients: requests/s %.0f\n", kEntryBytes, clients, all.size() / elapsed);
+    std::printf("socket %dB x%d clients: requests/s %.0f\n", kEntryBytes, clients,
+                all.size() / elapsed);
     std::printf("socket %dB x%d clients: latency us p50 %u p90 %u p99 %u p99.9 %u max %u\n",
                 kEntryBytes, clients, percentile(all, 50), percentile(all, 90), percentile(all, 99),
                 percentile(all, 99.9), all.empty() ? 0 : all.back());
@@ -174,10 +176,10 @@ bool measure(int clients, double seconds)
 int main(int argc, char **argv)
 {
     const std::string usbd = env("USBD_BIN");
-    const std::string emuctl = env("USBD_EMUCTL");
+    const std::string emuctl = env("USBD_EMUCTL_BIN");
     const std::string name = env("USBD_EMU_NAME");
     if (usbd.empty() || emuctl.empty() || name.empty()) {
-        std::fprintf(stderr, "socket-bench: run under usbd-emu with USBD_BIN, USBD_EMUCTL and "
+        std::fprintf(stderr, "socket-bench: run under usbd-emu with USBD_BIN, USBD_EMUCTL_BIN and "
                              "USBD_EMU_NAME set (scripts/bench-socket does)\n");
         return 2;
     }

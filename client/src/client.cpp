@@ -92,7 +92,8 @@ bool SendRequest::encode(std::vector<std::uint8_t> *out) const
         putU32(entry, e.type);
         putU32(entry + 4, e.size);
         // Fits in 32 bits: the whole request is at most kMaxRequestSize bytes.
-        putU32(entry + 8, e.type == kEntryMemory ? std::uint32_t(dataOffset + e.dataStart) : e.offset);
+        const std::size_t offset = e.type == kEntryMemory ? dataOffset + e.dataStart : e.offset;
+        putU32(entry + 8, std::uint32_t(offset));
         putU32(entry + 12, e.elementAlignment);
         putU32(entry + 16, e.elementPadding);
         putU64(entry + 20, e.handle);

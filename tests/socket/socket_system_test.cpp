@@ -1,6 +1,7 @@
 // The socket front end of the real daemon, on the device emulator. Each test runs in a fresh
 // emulator (see CMakeLists.txt): this binary is the emulator's command, starts usbd itself, and
-// drives the emulated host with usbd-emuctl. Environment: USBD_BIN, USBD_EMUCTL, USBD_EMU_NAME.
+// drives the emulated host with usbd-emuctl.
+// Environment: USBD_BIN, USBD_EMUCTL_BIN, USBD_EMU_NAME.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -60,6 +62,19 @@ int countOf(const std::string &text, const std::string &what)
     return n;
 }
 
+// Polls `done` until it returns true or `limit` has passed.
+template <class Predicate>
+bool waitUntil(Predicate done, std::chrono::milliseconds limit)
+{
+    for (const auto end = std::chrono::steady_clock::now() + limit;;) {
+        if (done())
+            return true;
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+}
+
 // Runs a program and returns its exit status (-1 if it could not run or was killed).
 int run(const std::vector<std::string> &argv)
 {
@@ -83,10 +98,10 @@ protected:
     void SetUp() override
     {
         usbd_ = env("USBD_BIN");
-        emuctl_ = env("USBD_EMUCTL");
+        emuctl_ = env("USBD_EMUCTL_BIN");
         emuName_ = env("USBD_EMU_NAME");
         if (usbd_.empty() || emuctl_.empty() || emuName_.empty())
-            GTEST_SKIP() << "run under usbd-emu with USBD_BIN, USBD_EMUCTL and USBD_EMU_NAME set";
+            GTEST_SKIP() << "needs usbd-emu and USBD_BIN, USBD_EMUCTL_BIN, USBD_EMU_NAME";
     }
 
     void TearDown() override
@@ -96,7 +111,7 @@ protected:
             waitpid(daemon_, nullptr, 0);
         }
         if (HasFailure())
-            std::cerr << "---- daemon log ----\n" << readFile(kDaemonLog) << "--------------------\n";
+            std::cerr << "---- daemon log ----\n" << readFile(kDaemonLog) << "----\n";
     }
 
     int emuctl(std::vector<std::string> args)
@@ -124,24 +139,14 @@ protected:
     // Waits until the daemon's log holds `count` lines containing `text`.
     bool waitForLog(const std::string &text, int count = 1)
     {
-        for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;) {
-            if (countOf(readFile(kDaemonLog), text) >= count)
-                return true;
-            std::this_thread::sleep_for(10ms);
-        }
-        return false;
+        return waitUntil([&] { return countOf(readFile(kDaemonLog), text) >= count; }, 5s);
     }
 
     void connect(Connection *connection)
     {
         int result = -1;
-        for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;) {
-            result = connection->connect();
-            if (result == 0)
-                return;
-            std::this_thread::sleep_for(20ms);
-        }
-        FAIL() << "cannot connect to the daemon: " << strerror(-result);
+        if (!waitUntil([&] { return (result = connection->connect()) == 0; }, 10s))
+            FAIL() << "cannot connect to the daemon: " << strerror(-result);
     }
 
     // Starts the daemon, captures ep3 and plugs the host; returns once the daemon has the USB
@@ -153,29 +158,29 @@ protected:
         ASSERT_EQ(emuctl({"capture", kCapture}), 0);
         ASSERT_NO_FATAL_FAILURE(connect(connection));
         ASSERT_EQ(emuctl({"plug"}), 0);
-        for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;) {
-            Response response;
-            ASSERT_EQ(connection->send(SendRequest(0).encode()), 0);
-            ASSERT_EQ(connection->receive(&response, kResponseTimeoutMs), 0);
-            if (response.sent())
-                return;
-            std::this_thread::sleep_for(20ms);
-        }
-        FAIL() << "the daemon never saw the USB link";
+        const bool linked = waitUntil(
+            [&] {
+                Response response;
+                return connection->send(SendRequest(0).encode()) == 0
+                       && connection->receive(&response, kResponseTimeoutMs) == 0
+                       && response.sent();
+            },
+            10s);
+        ASSERT_TRUE(linked) << "the daemon never saw the USB link";
     }
 
     // Waits until the daemon has read everything sent on the connection, so that the next
     // request cannot arrive in the same read.
     static void waitUntilRead(const Connection &connection)
     {
-        for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;) {
-            int unread = -1;
-            ASSERT_EQ(ioctl(connection.fd(), SIOCOUTQ, &unread), 0);
-            if (unread == 0)
-                return;
-            std::this_thread::sleep_for(5ms);
-        }
-        FAIL() << "the daemon does not read its connection";
+        // Bytes on a Unix stream socket count against the sender until the reader takes them.
+        const bool read = waitUntil(
+            [&] {
+                int unread = -1;
+                return ioctl(connection.fd(), SIOCOUTQ, &unread) == 0 && unread == 0;
+            },
+            5s);
+        ASSERT_TRUE(read) << "the daemon does not read its connection";
     }
 
     static Response exchange(Connection *connection, const Bytes &request)

@@ -126,8 +126,9 @@ TEST(SocketRequest, EntryWalkStaysWithinTheRead)
     SocketRequest request;
     // A send header alone, and an end entry cut short, hold no end entry.
     Bytes bytes = usbd::client::SendRequest(1).encode();
-    EXPECT_EQ(parse(Bytes(bytes.begin(), bytes.begin() + 8), &request), SocketRequestKind::Malformed);
-    EXPECT_EQ(parse(Bytes(bytes.begin(), bytes.begin() + 11), &request), SocketRequestKind::Malformed);
+    for (std::size_t length : {8, 11})
+        EXPECT_EQ(parse(Bytes(bytes.begin(), bytes.begin() + length), &request),
+                  SocketRequestKind::Malformed);
 
     // A handle entry cut off by the end of the read, with no end entry after it.
     usbd::client::SendRequest handles(2);

@@ -5,7 +5,6 @@
 #include <endian.h>
 
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include <usbd/client.h>
@@ -20,10 +19,10 @@ namespace {
 
 SocketRequestKind parse(const Bytes &bytes, SocketRequest *request)
 {
-    // An exact-size heap copy, so that a read past the end shows under AddressSanitizer.
-    auto copy = std::make_unique<unsigned char[]>(bytes.size() + 1);
-    std::memcpy(copy.get(), bytes.data(), bytes.size());
-    return usbd::parseSocketRequest(copy.get(), bytes.size(), request);
+    // A fresh copy holds exactly the bytes, so that a read past them shows under
+    // AddressSanitizer.
+    const Bytes copy(bytes.begin(), bytes.end());
+    return usbd::parseSocketRequest(copy.data(), copy.size(), request);
 }
 
 void putU32(Bytes *bytes, std::size_t at, std::uint32_t value)

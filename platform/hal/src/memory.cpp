@@ -152,10 +152,13 @@ std::vector<Range> occupiedRangesLocked()
     DIR *proc = ::opendir("/proc");
     if (!proc)
         return ranges;
+    const long self = long(::getpid());
     while (const dirent *entry = ::readdir(proc)) {
         char *end = nullptr;
         const long pid = std::strtol(entry->d_name, &end, 10);
-        if (pid <= 0 || *end != '\0')
+        // Our own objects are in the table; scanning them again would make a process that
+        // holds many allocations pay for each of them on every new one.
+        if (pid <= 0 || *end != '\0' || pid == self)
             continue;
         forEachMemfd(pid, [&ranges](const char *fdPath, uint32_t phys) {
             uint64_t size = 0;

@@ -1,0 +1,146 @@
+#include "arguments.h"
+
+#include <algorithm>
+
+namespace usbdctl {
+
+namespace {
+
+const OptionSpec *findLong(const std::vector<OptionSpec> &specs, const QString &name)
+{
+    for (const OptionSpec &spec : specs) {
+        if (spec.name == name)
+            return &spec;
+    }
+    return nullptr;
+}
+
+const OptionSpec *findShort(const std::vector<OptionSpec> &specs, QChar name)
+{
+    for (const OptionSpec &spec : specs) {
+        if (!spec.shortName.isNull() && spec.shortName == name)
+            return &spec;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+bool Arguments::has(const QString &name) const
+{
+    return std::any_of(ordered_.begin(), ordered_.end(),
+                       [&](const auto &option) { return option.first == name; });
+}
+
+QString Arguments::value(const QString &name) const
+{
+    for (auto it = ordered_.rbegin(); it != ordered_.rend(); ++it) {
+        if (it->first == name)
+            return it->second;
+    }
+    return QString();
+}
+
+QStringList Arguments::values(const QString &name) const
+{
+    QStringList result;
+    for (const auto &option : ordered_) {
+        if (option.first == name)
+            result.append(option.second);
+    }
+    return result;
+}
+
+bool parseArguments(const QStringList &args, const std::vector<OptionSpec> &specs, Arguments *out,
+                    QString *error)
+{
+    bool optionsEnded = false;
+    for (int i = 0; i < args.size(); ++i) {
+        const QString &arg = args.at(i);
+        if (optionsEnded || arg == QLatin1String("-") || !arg.startsWith(QLatin1Char('-'))) {
+            out->addPositional(arg);
+            continue;
+        }
+        if (arg == QLatin1String("--")) {
+            optionsEnded = true;
+            continue;
+        }
+
+        const OptionSpec *spec = nullptr;
+        QString inlineValue;
+        bool hasInlineValue = false;
+        if (arg.startsWith(QLatin1String("--"))) {
+            QString name = arg.mid(2);
+            const int equals = name.indexOf(QLatin1Char('='));
+            if (equals >= 0) {
+                inlineValue = name.mid(equals + 1);
+                hasInlineValue = true;
+                name.truncate(equals);
+            }
+            spec = findLong(specs, name);
+        } else if (arg.size() == 2) {
+            spec = findShort(specs, arg.at(1));
+        }
+        if (!spec) {
+            *error = QStringLiteral("unknown option %1").arg(arg);
+            return false;
+        }
+
+        if (spec->valueName.isEmpty()) {
+            if (hasInlineValue) {
+                *error = QStringLiteral("--%1 takes no value").arg(spec->name);
+                return false;
+            }
+            out->addOption(spec->name, QString());
+            continue;
+        }
+        if (!hasInlineValue) {
+            if (i + 1 >= args.size()) {
+                *error = QStringLiteral("--%1 needs a value (%2)").arg(spec->name, spec->valueName);
+                return false;
+            }
+            inlineValue = args.at(++i);
+        }
+        out->addOption(spec->name, inlineValue);
+    }
+    return true;
+}
+
+std::optional<quint64> parseUnsigned(const QString &text, quint64 max)
+{
+    const QString trimmed = text.trimmed();
+    bool ok = false;
+    quint64 value = 0;
+    if (trimmed.startsWith(QLatin1String("0x"), Qt::CaseInsensitive))
+        value = trimmed.mid(2).toULongLong(&ok, 16);
+    else if (!trimmed.isEmpty() && trimmed.at(0).isDigit())
+        value = trimmed.toULongLong(&ok, 10);
+    if (!ok || value > max)
+        return std::nullopt;
+    return value;
+}
+
+QString describeOptions(const std::vector<OptionSpec> &specs)
+{
+    QStringList left;
+    int width = 0;
+    for (const OptionSpec &spec : specs) {
+        QString text = spec.shortName.isNull() ? QStringLiteral("      ")
+                                               : QStringLiteral("  -%1, ").arg(spec.shortName);
+        text += QStringLiteral("--") + spec.name;
+        if (!spec.valueName.isEmpty())
+            text += QLatin1Char(' ') + spec.valueName;
+        width = std::max(width, int(text.size()));
+        left.append(text);
+    }
+    QString result;
+    for (size_t i = 0; i < specs.size(); ++i) {
+        const QString indent(width + 2, QLatin1Char(' '));
+        QString help = specs[i].help;
+        help.replace(QLatin1Char('\n'), QLatin1Char('\n') + indent);
+        result += left.at(int(i)).leftJustified(width + 2) + help + QLatin1Char('\n');
+    }
+    return result;
+}
+
+} // namespace usbdctl

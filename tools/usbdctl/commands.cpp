@@ -1,0 +1,204 @@
+#include "commands.h"
+
+#include <cstdio>
+
+#include "requests.h"
+
+namespace usbdctl {
+
+namespace {
+
+OptionSpec timeoutOption(const char *what)
+{
+    return {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
+            QStringLiteral("give up after SEC seconds without %1 (default 60); exit status 7")
+                .arg(QLatin1String(what))};
+}
+
+const OptionSpec kAlignment{QStringLiteral("alignment"), QChar(), QStringLiteral("N"),
+                            QStringLiteral("element alignment of each piece (default 0), passed on\n"
+                                           "to the transport")};
+const OptionSpec kPadding{QStringLiteral("padding"), QChar(), QStringLiteral("N"),
+                          QStringLiteral("zero bytes the daemon sends after each piece (default 0)")};
+const OptionSpec kSessionId{QStringLiteral("session-id"), QChar(), QStringLiteral("N"),
+                            QStringLiteral("session id of each piece, 0 to 65535 (default 0); it\n"
+                                           "travels in the iOS link's frame header")};
+const OptionSpec kSocket{QStringLiteral("socket"), QChar(), QStringLiteral("PATH"),
+                         QStringLiteral("the daemon's request socket (default /tmp/usbd-socket)")};
+
+} // namespace
+
+std::vector<OptionSpec> commonOptions()
+{
+    return {
+        {QStringLiteral("session"), QLatin1Char('s'), QString(),
+         QStringLiteral("use the session bus instead of the system bus")},
+        {QStringLiteral("help"), QLatin1Char('h'), QString(), QStringLiteral("show this help")},
+    };
+}
+
+const std::vector<Command> &commands()
+{
+    static const std::vector<Command> table = {
+        {QStringLiteral("status"), QString(),
+         QStringLiteral("show the link type, super speed and charge-current limit"),
+         QStringLiteral(
+             "Reads the daemon's three properties and prints one line each:\n"
+             "  link_type: usb (1)          none (0), usb (1), ios-mfi (2) or ios-wifi (3)\n"
+             "  usb_super_speed: yes        the USB link runs at super speed\n"
+             "  charge_current_max: 500 mA  the MaxPower the host granted; 0 while the link is down\n"),
+         {},
+         runStatus},
+        {QStringLiteral("watch"), QString(),
+         QStringLiteral("print each property change as it happens, with a time stamp"),
+         QStringLiteral(
+             "Prints the current values of the three properties, then one line per change as the\n"
+             "daemon announces it, until interrupted (Ctrl-C) or --count changes have been seen:\n"
+             "  2025-01-31 14:02:07.318 link_type: usb (1)\n"
+             "Once the first three lines are out, no later change is missed. When the daemon\n"
+             "leaves the bus and comes back, watch says so and prints the values again.\n"),
+         {{QStringLiteral("count"), QChar(), QStringLiteral("N"),
+           QStringLiteral("exit (status 0) after N changes, not counting the first values")}},
+         runWatch},
+        {QStringLiteral("send-data"), QStringLiteral("[TEXT]"),
+         QStringLiteral("send up to 255 bytes given on the command line (send_data)"),
+         QStringLiteral(
+             "Sends a few bytes to the host: TEXT as UTF-8, or the bytes of --hex or --file.\n"
+             "The daemon's send_data carries at most 255 bytes; use send-file for more.\n"
+             "Waits for the daemon's answer, which comes when the bytes have gone out.\n\n"
+             "Example:\n"
+             "  usbdctl send-data hello\n"
+             "  usbdctl send-data --hex 'de ad be ef'\n"),
+         {{QStringLiteral("hex"), QChar(), QStringLiteral("HEX"),
+           QStringLiteral("the bytes as hexadecimal pairs (\"deadbeef\", \"de ad be ef\")")},
+          {QStringLiteral("file"), QChar(), QStringLiteral("FILE"),
+           QStringLiteral("the bytes of FILE (at most 255)")},
+          {QStringLiteral("length"), QChar(), QStringLiteral("N"),
+           QStringLiteral("the length to ask for, 0 to 255 (default: all the bytes);\n"
+                          "the daemon refuses a length beyond the bytes given")},
+          timeoutOption("an answer")},
+         runSendData},
+        {QStringLiteral("send-file"), QStringLiteral("FILE..."),
+         QStringLiteral("send files or parts of them in one request (send_file)"),
+         QStringLiteral(
+             "Sends every FILE, in the order given, as one request: the host receives the bytes\n"
+             "of each file (from --offset, --size bytes) followed by --padding zero bytes. The\n"
+             "options apply to every FILE. The daemon opens the files itself, by their absolute\n"
+             "paths, so they must be readable by the daemon under the same path; usbdctl checks\n"
+             "them here first and computes the size of each.\n\n"
+             "Example:\n"
+             "  usbdctl send-file header.bin frame.bin\n"
+             "  usbdctl send-file --offset 4096 --size 1024 --padding 12 video.bin\n"),
+         {{QStringLiteral("offset"), QChar(), QStringLiteral("N"),
+           QStringLiteral("first byte of each file to send (default 0)")},
+          {QStringLiteral("size"), QChar(), QStringLiteral("N"),
+           QStringLiteral("bytes to send of each file (default: up to its end)")},
+          kAlignment,
+          kPadding,
+          kSessionId,
+          timeoutOption("an answer")},
+         runSendFile},
+        {QStringLiteral("send-shm"), QStringLiteral("FILE..."),
+         QStringLiteral("copy files into shared memory and send it by handle (send_shm_data)"),
+         QStringLiteral(
+             "Allocates platform shared memory (ION, through the HAL) for each FILE, copies the\n"
+             "file into it and asks the daemon to send it by its share handle, all files in one\n"
+             "request. The daemon maps the memory from this process, so usbdctl keeps it until\n"
+             "the answer has come. Needs /dev/ion. With the stand-in HAL of a development\n"
+             "machine the handle names this process, so run usbdctl where the daemon can see\n"
+             "it (in the emulator: usbd-emuctl exec -- usbdctl send-shm FILE).\n\n"
+             "Example:\n"
+             "  usbdctl send-shm --virtual frame.yuv\n"),
+         {{QStringLiteral("physical"), QChar(), QString(),
+           QStringLiteral("the daemon sends from the memory's physical address (default)")},
+          {QStringLiteral("virtual"), QChar(), QString(),
+           QStringLiteral("the daemon maps the memory and sends from its virtual address")},
+          kAlignment,
+          kPadding,
+          kSessionId,
+          timeoutOption("an answer")},
+         runSendShm},
+        {QStringLiteral("receive"), QStringLiteral("FILE SIZE"),
+         QStringLiteral("write the next SIZE bytes from the host into FILE (open_file)"),
+         QStringLiteral(
+             "Asks the daemon to read SIZE bytes that the host sends (bulk OUT) into FILE, which\n"
+             "the daemon creates or empties; FILE is passed as an absolute path. The daemon\n"
+             "answers at once and reports nothing about the data later: without --wait, usbdctl\n"
+             "returns when the daemon has started receiving; with --wait it watches FILE grow\n"
+             "until it holds SIZE bytes.\n\n"
+             "Example:\n"
+             "  usbdctl receive --wait /tmp/upload.bin 1048576\n"),
+         {{QStringLiteral("wait"), QChar(), QString(),
+           QStringLiteral("wait until FILE holds SIZE bytes (FILE is emptied first)")},
+          {QStringLiteral("time-ms"), QChar(), QStringLiteral("MS"),
+           QStringLiteral("the time_ms argument of open_file (the daemon ignores it)")},
+          timeoutOption("an answer or, with --wait, all the data")},
+         runReceive},
+        {QStringLiteral("socket-send"), QStringLiteral("ENTRY-OPTIONS..."),
+         QStringLiteral("send memory and shared-memory entries over the request socket"),
+         QStringLiteral(
+             "Sends one request over the daemon's Unix socket and waits for its 8-byte answer.\n"
+             "Each --text, --hex, --file and --handle adds one entry, in command-line order, and\n"
+             "the host receives them in that order, each followed by --padding zero bytes. Data\n"
+             "of memory entries travels inside the request, which holds 4096 bytes at most;\n"
+             "--handle names shared memory that another process holds (the daemon sends it\n"
+             "from its physical address). Without entries the request is empty and is answered\n"
+             "as soon as the daemon's queue reaches it.\n\n"
+             "Example:\n"
+             "  usbdctl socket-send --text hello --hex 0d0a\n"
+             "  usbdctl socket-send --handle 0x1234000a0000:0:4096\n"),
+         {{QStringLiteral("text"), QChar(), QStringLiteral("TEXT"),
+           QStringLiteral("a memory entry with the UTF-8 bytes of TEXT")},
+          {QStringLiteral("hex"), QChar(), QStringLiteral("HEX"),
+           QStringLiteral("a memory entry with bytes given as hexadecimal pairs")},
+          {QStringLiteral("file"), QChar(), QStringLiteral("FILE"),
+           QStringLiteral("a memory entry with the bytes of FILE")},
+          {QStringLiteral("handle"), QChar(), QStringLiteral("H:OFFSET:SIZE"),
+           QStringLiteral("a handle entry: SIZE bytes from OFFSET in the shared memory\n"
+                          "with share handle H (numbers in decimal or 0x hex)")},
+          kAlignment,
+          kPadding,
+          {QStringLiteral("id"), QChar(), QStringLiteral("N"),
+           QStringLiteral("the request id, echoed in the answer (default 1)")},
+          kSocket,
+          timeoutOption("an answer")},
+         runSocketSend},
+        {QStringLiteral("interrupt"), QString(),
+         QStringLiteral("abort the transfer in progress (over the request socket)"),
+         QStringLiteral(
+             "Sends an interrupt request over the daemon's Unix socket: the transfer the daemon\n"
+             "is carrying out at that moment stops and its requester is told that it failed.\n"
+             "Requests still queued are not affected. The daemon never answers an interrupt;\n"
+             "usbdctl returns once the daemon has read it.\n"),
+         {kSocket},
+         runInterrupt},
+    };
+    return table;
+}
+
+int usageError(const QString &message)
+{
+    std::fprintf(stderr, "usbdctl: %s\n", qPrintable(message));
+    std::fprintf(stderr, "Try 'usbdctl --help' or 'usbdctl COMMAND --help'.\n");
+    return kExitUsage;
+}
+
+bool numberOption(const Arguments &arguments, const QString &name, quint64 max, quint64 fallback,
+                  quint64 *out, int *exitCode)
+{
+    if (!arguments.has(name)) {
+        *out = fallback;
+        return true;
+    }
+    const QString text = arguments.value(name);
+    const auto value = parseUnsigned(text, max);
+    if (!value) {
+        *exitCode = usageError(QStringLiteral("--%1 needs a number from 0 to %2, not \"%3\"")
+                                   .arg(name).arg(max).arg(text));
+        return false;
+    }
+    *out = *value;
+    return true;
+}
+
+} // namespace usbdctl

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <optional>
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QString>
+#include <QVariantList>
+#include <QVariantMap>
+
+namespace usbdctl {
+
+class Progress;
+
+constexpr char kService[] = "com.korvane.usbd";
+constexpr char kObjectPath[] = "/com/korvane/usbd";
+constexpr char kInterface[] = "com.korvane.usbd";
+
+// usbdctl's side of the daemon's D-Bus service. Every failing call prints one line on stderr
+// that says what went wrong in the user's terms, and yields the matching exit status.
+class DBusClient {
+public:
+    explicit DBusClient(bool sessionBus);
+
+    // kExitOk, or the status of the failure (already reported).
+    int connect();
+    QDBusConnection &connection() { return connection_; }
+    QString busName() const;
+
+    // Calls a method of the service's interface and waits up to timeoutMs for the reply,
+    // keeping progress (if any) up to date. On success *reply holds the reply when asked for.
+    int call(const QString &method, const QVariantList &arguments, int timeoutMs,
+             Progress *progress = nullptr, QDBusMessage *reply = nullptr);
+
+    // All three properties in one round trip.
+    int readProperties(QVariantMap *properties);
+    int readProperty(const QString &name, QVariant *value);
+
+    // The link type when it can be read quickly; used only to explain another failure.
+    std::optional<int> linkTypeQuietly();
+
+    // Prints the error the way the user needs to read it and returns the exit status.
+    int report(const QString &errorName, const QString &message, int timeoutMs = 0);
+
+private:
+    bool session_;
+    QDBusConnection connection_;
+};
+
+} // namespace usbdctl

@@ -1,0 +1,468 @@
+// The commands that talk to the daemon over D-Bus.
+
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include <QCoreApplication>
+#include <QDBusServiceWatcher>
+#include <QDateTime>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QThread>
+#include <QTimer>
+
+#include <arvomemshare.h>
+
+#include "commands.h"
+#include "dbusclient.h"
+#include "progress.h"
+#include "requests.h"
+
+namespace usbdctl {
+
+namespace {
+
+constexpr quint64 kDefaultTimeoutSeconds = 60;
+constexpr quint64 kMaxTimeoutSeconds = 24 * 3600;
+constexpr int kMaxSendDataBytes = 255;
+constexpr int kReceivePollMs = 100;
+constexpr char kIonNode[] = "/dev/ion";
+
+// The order in which status and watch show the properties: the link first, since the other
+// two only mean something while there is one.
+const char *const kPropertyOrder[] = {"link_type", "usb_super_speed", "charge_current_max"};
+
+QString formatProperty(const QString &name, const QVariant &value)
+{
+    if (name == QLatin1String("link_type"))
+        return describeLinkType(value.toInt());
+    if (name == QLatin1String("usb_super_speed"))
+        return value.toBool() ? QStringLiteral("yes") : QStringLiteral("no");
+    if (name == QLatin1String("charge_current_max"))
+        return QStringLiteral("%1 mA").arg(value.toInt());
+    return value.toString();
+}
+
+QString timestamp()
+{
+    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz"));
+}
+
+void printLine(const QString &line)
+{
+    std::fprintf(stdout, "%s\n", qPrintable(line));
+    // Flushed per line: watch is typically read through a pipe by another program, which must
+    // see each change when it happens, not when a buffer fills.
+    std::fflush(stdout);
+}
+
+bool timeoutOption(const Arguments &arguments, int *timeoutMs, int *exitCode)
+{
+    quint64 seconds = 0;
+    if (!numberOption(arguments, QStringLiteral("timeout"), kMaxTimeoutSeconds,
+                      kDefaultTimeoutSeconds, &seconds, exitCode))
+        return false;
+    if (seconds == 0) {
+        *exitCode = usageError(QStringLiteral("--timeout must be at least 1 second"));
+        return false;
+    }
+    *timeoutMs = int(seconds * 1000);
+    return true;
+}
+
+// Prints property changes as they are announced, and the service leaving and coming back.
+class PropertyWatcher : public QObject {
+    Q_OBJECT
+public:
+    PropertyWatcher(DBusClient *client, quint64 count) : client_(client), remaining_(count) {}
+
+    bool subscribe()
+    {
+        return client_->connection().connect(
+            QLatin1String(kService), QLatin1String(kObjectPath),
+            QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"),
+            this, SLOT(onPropertiesChanged(QString, QVariantMap, QStringList)));
+    }
+
+public slots:
+    void onPropertiesChanged(const QString &interface, const QVariantMap &changed,
+                             const QStringList &invalidated)
+    {
+        if (interface != QLatin1String(kInterface))
+            return;
+        for (auto it = changed.begin(); it != changed.end(); ++it)
+            printChange(it.key(), it.value());
+        for (const QString &name : invalidated) {
+            QVariant value;
+            if (client_->readProperty(name, &value) == kExitOk)
+                printChange(name, value);
+        }
+    }
+
+    void onServiceGone()
+    {
+        printLine(QStringLiteral("%1 usbd left the bus").arg(timestamp()));
+    }
+
+    void onServiceBack()
+    {
+        printLine(QStringLiteral("%1 usbd is on the bus again").arg(timestamp()));
+        QVariantMap properties;
+        if (client_->readProperties(&properties) == kExitOk) {
+            for (const char *name : kPropertyOrder)
+                printChange(QLatin1String(name), properties.value(QLatin1String(name)));
+        }
+    }
+
+private:
+    void printChange(const QString &name, const QVariant &value)
+    {
+        printLine(QStringLiteral("%1 %2: %3").arg(timestamp(), name, formatProperty(name, value)));
+        if (remaining_ != 0 && --remaining_ == 0)
+            QCoreApplication::exit(kExitOk);
+    }
+
+    DBusClient *client_;
+    quint64 remaining_; // 0: no limit
+};
+
+int sendMaps(DBusClient &client, const QString &method, const QList<QVariantMap> &maps,
+             quint64 totalBytes, int timeoutMs)
+{
+    Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), totalBytes);
+    return client.call(method, {QVariant::fromValue(maps)}, timeoutMs, &progress);
+}
+
+bool readSmallFile(const QString &path, int limit, QByteArray *out, int *exitCode)
+{
+    QFile file(path);
+    if (!file.exists()) {
+        std::fprintf(stderr, "usbdctl: %s: no such file\n", qPrintable(path));
+        *exitCode = kExitLocalFile;
+        return false;
+    }
+    if (!file.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path), qPrintable(file.errorString()));
+        *exitCode = kExitLocalFile;
+        return false;
+    }
+    // One byte more than allowed tells a file that is too large from one that just fits.
+    *out = file.read(limit + 1);
+    return true;
+}
+
+} // namespace
+
+int runStatus(const Arguments &arguments)
+{
+    if (!arguments.positionals().isEmpty())
+        return usageError(QStringLiteral("status takes no arguments"));
+    DBusClient client(arguments.has(QStringLiteral("session")));
+    if (const int code = client.connect(); code != kExitOk)
+        return code;
+    QVariantMap properties;
+    if (const int code = client.readProperties(&properties); code != kExitOk)
+        return code;
+    for (const char *name : kPropertyOrder) {
+        const QString key = QLatin1String(name);
+        printLine(QStringLiteral("%1: %2").arg(key, properties.contains(key)
+                                                        ? formatProperty(key, properties.value(key))
+                                                        : QStringLiteral("(not offered)")));
+    }
+    return kExitOk;
+}
+
+int runWatch(const Arguments &arguments)
+{
+    if (!arguments.positionals().isEmpty())
+        return usageError(QStringLiteral("watch takes no arguments"));
+    quint64 count = 0;
+    int exitCode = kExitOk;
+    if (!numberOption(arguments, QStringLiteral("count"), std::numeric_limits<quint32>::max(), 0,
+                      &count, &exitCode))
+        return exitCode;
+
+    DBusClient client(arguments.has(QStringLiteral("session")));
+    if (const int code = client.connect(); code != kExitOk)
+        return code;
+    PropertyWatcher watcher(&client, count);
+    // Subscribed before the current values are read: a change between the two is then printed
+    // after them rather than lost, and a reader that has seen the first values knows that
+    // every later change will reach it.
+    if (!watcher.subscribe()) {
+        std::fprintf(stderr, "usbdctl: cannot subscribe to property changes: %s\n",
+                     qPrintable(client.connection().lastError().message()));
+        return kExitOtherError;
+    }
+    QDBusServiceWatcher service(QLatin1String(kService), client.connection(),
+                                QDBusServiceWatcher::WatchForOwnerChange);
+    QObject::connect(&service, &QDBusServiceWatcher::serviceUnregistered, &watcher,
+                     &PropertyWatcher::onServiceGone);
+    QObject::connect(&service, &QDBusServiceWatcher::serviceRegistered, &watcher,
+                     &PropertyWatcher::onServiceBack);
+
+    QVariantMap properties;
+    if (const int code = client.readProperties(&properties); code != kExitOk)
+        return code;
+    for (const char *name : kPropertyOrder) {
+        const QString key = QLatin1String(name);
+        printLine(QStringLiteral("%1 %2: %3").arg(timestamp(), key, formatProperty(key, properties.value(key))));
+    }
+    return QCoreApplication::exec();
+}
+
+int runSendData(const Arguments &arguments)
+{
+    QByteArray data;
+    int exitCode = kExitOk;
+    const int sources = int(arguments.has(QStringLiteral("hex"))) +
+                        int(arguments.has(QStringLiteral("file"))) +
+                        int(!arguments.positionals().isEmpty());
+    if (sources != 1 || arguments.positionals().size() > 1)
+        return usageError(QStringLiteral("send-data needs exactly one of TEXT, --hex or --file"));
+    if (arguments.has(QStringLiteral("hex"))) {
+        const auto bytes = parseHex(arguments.value(QStringLiteral("hex")));
+        if (!bytes)
+            return usageError(QStringLiteral("--hex needs pairs of hexadecimal digits"));
+        data = *bytes;
+    } else if (arguments.has(QStringLiteral("file"))) {
+        if (!readSmallFile(arguments.value(QStringLiteral("file")), kMaxSendDataBytes, &data, &exitCode))
+            return exitCode;
+    } else {
+        data = arguments.positionals().first().toUtf8();
+    }
+    if (data.size() > kMaxSendDataBytes)
+        return usageError(QStringLiteral("send-data carries at most %1 bytes; use send-file for more")
+                              .arg(kMaxSendDataBytes));
+
+    quint64 length = 0;
+    if (!numberOption(arguments, QStringLiteral("length"), kMaxSendDataBytes, quint64(data.size()),
+                      &length, &exitCode))
+        return exitCode;
+    int timeoutMs = 0;
+    if (!timeoutOption(arguments, &timeoutMs, &exitCode))
+        return exitCode;
+
+    DBusClient client(arguments.has(QStringLiteral("session")));
+    if (const int code = client.connect(); code != kExitOk)
+        return code;
+    Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), length);
+    return client.call(QStringLiteral("send_data"),
+                       {data, QVariant::fromValue<uchar>(uchar(length))}, timeoutMs, &progress);
+}
+
+int runSendFile(const Arguments &arguments)
+{
+    if (arguments.positionals().isEmpty())
+        return usageError(QStringLiteral("send-file needs at least one FILE"));
+    int exitCode = kExitOk;
+    FileOptions options;
+    quint64 value = 0;
+    if (arguments.has(QStringLiteral("offset"))) {
+        if (!numberOption(arguments, QStringLiteral("offset"), std::numeric_limits<quint64>::max(), 0,
+                          &value, &exitCode))
+            return exitCode;
+        options.offset = value;
+    }
+    if (arguments.has(QStringLiteral("size"))) {
+        if (!numberOption(arguments, QStringLiteral("size"), std::numeric_limits<quint64>::max(), 0,
+                          &value, &exitCode))
+            return exitCode;
+        options.size = value;
+    }
+    const quint64 kMaxInt = std::numeric_limits<qint32>::max();
+    if (!numberOption(arguments, QStringLiteral("alignment"), kMaxInt, 0, &value, &exitCode))
+        return exitCode;
+    options.elementAlignment = quint32(value);
+    if (!numberOption(arguments, QStringLiteral("padding"), kMaxInt, 0, &value, &exitCode))
+        return exitCode;
+    options.elementPadding = quint32(value);
+    if (!numberOption(arguments, QStringLiteral("session-id"), 0xFFFF, 0, &value, &exitCode))
+        return exitCode;
+    options.sessionId = quint16(value);
+    int timeoutMs = 0;
+    if (!timeoutOption(arguments, &timeoutMs, &exitCode))
+        return exitCode;
+
+    QList<FilePiece> pieces;
+    PlanError error;
+    if (!planFilePieces(arguments.positionals(), options, &pieces, &error)) {
+        std::fprintf(stderr, "usbdctl: %s\n", qPrintable(error.message));
+        return error.exitCode;
+    }
+    QList<QVariantMap> maps;
+    quint64 total = 0;
+    for (const FilePiece &piece : pieces) {
+        maps.append(fileMap(piece));
+        total += quint64(piece.size) + quint64(piece.elementPadding);
+    }
+
+    DBusClient client(arguments.has(QStringLiteral("session")));
+    if (const int code = client.connect(); code != kExitOk)
+        return code;
+    return sendMaps(client, QStringLiteral("send_file"), maps, total, timeoutMs);
+}
+
+int runSendShm(const Arguments &arguments)
+{
+    if (arguments.positionals().isEmpty())
+        return usageError(QStringLiteral("send-shm needs at least one FILE"));
+    if (arguments.has(QStringLiteral("physical")) && arguments.has(QStringLiteral("virtual")))
+        return usageError(QStringLiteral("give --physical or --virtual, not both"));
+    int exitCode = kExitOk;
+    quint64 alignment = 0, padding = 0, sessionId = 0;
+    const quint64 kMaxInt = std::numeric_limits<qint32>::max();
+    if (!numberOption(arguments, QStringLiteral("alignment"), kMaxInt, 0, &alignment, &exitCode) ||
+        !numberOption(arguments, QStringLiteral("padding"), kMaxInt, 0, &padding, &exitCode) ||
+        !numberOption(arguments, QStringLiteral("session-id"), 0xFFFF, 0, &sessionId, &exitCode))
+        return exitCode;
+    int timeoutMs = 0;
+    if (!timeoutOption(arguments, &timeoutMs, &exitCode))
+        return exitCode;
+
+    // Checked first: the memory layer ends the process when it cannot open the allocator, and
+    // a missing node deserves a sentence, not an abort.
+    if (!QFileInfo::exists(QLatin1String(kIonNode))) {
+        std::fprintf(stderr,
+                     "usbdctl: shared memory needs %s, which this system does not have (on a "
+                     "development machine it exists inside the device emulator only)\n",
+                     kIonNode);
+        return kExitOtherError;
+    }
+
+    QList<QFileInfo> files;
+    for (const QString &path : arguments.positionals()) {
+        const QFileInfo info(path);
+        if (!info.exists() || !info.isFile() || !info.isReadable()) {
+            std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path),
+                         !info.exists() ? "no such file" : "not a readable regular file");
+            return kExitLocalFile;
+        }
+        if (info.size() == 0)
+            return usageError(QStringLiteral("%1: empty; shared memory cannot be empty").arg(path));
+        if (info.size() > std::numeric_limits<qint32>::max())
+            return usageError(QStringLiteral("%1: larger than one shared buffer can be").arg(path));
+        files.append(info);
+    }
+
+    // The daemon imports each buffer by handle from this process, so the memory must outlive
+    // the reply: it is released only when this function returns.
+    std::vector<std::unique_ptr<ArvoMemShare>> memories;
+    QList<QVariantMap> maps;
+    quint64 total = 0;
+    for (const QFileInfo &info : files) {
+        const quint32 size = quint32(info.size());
+        auto memory = std::make_unique<ArvoMemShare>(size, false, nullptr);
+        uchar *target = memory->data();
+        if (!target) {
+            std::fprintf(stderr, "usbdctl: cannot allocate %u bytes of shared memory\n", size);
+            return kExitOtherError;
+        }
+        QFile file(info.filePath());
+        if (!file.open(QIODevice::ReadOnly) || file.read(reinterpret_cast<char *>(target), size) != size) {
+            std::fprintf(stderr, "usbdctl: %s: cannot read: %s\n", qPrintable(info.filePath()),
+                         qPrintable(file.errorString()));
+            return kExitLocalFile;
+        }
+        // Written through the CPU, read by the device: make it visible there.
+        memory->sync();
+        ShmPiece piece;
+        piece.handle = memory->shareHandle();
+        piece.size = size;
+        piece.elementAlignment = qint32(alignment);
+        piece.elementPadding = qint32(padding);
+        piece.usePhysicalAddress = !arguments.has(QStringLiteral("virtual"));
+        piece.sessionId = quint16(sessionId);
+        if (piece.handle == 0) {
+            std::fprintf(stderr, "usbdctl: cannot share the memory for %s\n", qPrintable(info.filePath()));
+            return kExitOtherError;
+        }
+        maps.append(shmMap(piece));
+        total += quint64(size) + padding;
+        memories.push_back(std::move(memory));
+    }
+
+    DBusClient client(arguments.has(QStringLiteral("session")));
+    if (const int code = client.connect(); code != kExitOk)
+        return code;
+    return sendMaps(client, QStringLiteral("send_shm_data"), maps, total, timeoutMs);
+}
+
+int runReceive(const Arguments &arguments)
+{
+    if (arguments.positionals().size() != 2)
+        return usageError(QStringLiteral("receive needs FILE and SIZE"));
+    const QString path = QFileInfo(arguments.positionals().at(0)).absoluteFilePath();
+    const auto size = parseUnsigned(arguments.positionals().at(1), std::numeric_limits<qint32>::max());
+    if (!size)
+        return usageError(QStringLiteral("SIZE must be a number of bytes from 0 to %1")
+                              .arg(std::numeric_limits<qint32>::max()));
+    int exitCode = kExitOk;
+    quint64 timeMs = 0;
+    if (!numberOption(arguments, QStringLiteral("time-ms"), std::numeric_limits<quint32>::max(), 0,
+                      &timeMs, &exitCode))
+        return exitCode;
+    int timeoutMs = 0;
+    if (!timeoutOption(arguments, &timeoutMs, &exitCode))
+        return exitCode;
+    const bool wait = arguments.has(QStringLiteral("wait"));
+    const QFileInfo directory(QFileInfo(path).absolutePath());
+    if (!directory.isDir()) {
+        std::fprintf(stderr, "usbdctl: %s: no such directory\n", qPrintable(directory.filePath()));
+        return kExitLocalFile;
+    }
+
+    if (wait && QFileInfo::exists(path)) {
+        // The daemon empties the file before it writes anyway; emptying it here first means
+        // that an old file of the right size cannot pass for the received one.
+        QFile old(path);
+        if (!old.resize(0)) {
+            std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path), qPrintable(old.errorString()));
+            return kExitLocalFile;
+        }
+    }
+
+    DBusClient client(arguments.has(QStringLiteral("session")));
+    if (const int code = client.connect(); code != kExitOk)
+        return code;
+    if (const int code = client.call(QStringLiteral("open_file"),
+                                     {path, int(*size), QVariant::fromValue<uint>(uint(timeMs))},
+                                     timeoutMs);
+        code != kExitOk)
+        return code;
+    if (!wait)
+        return kExitOk;
+
+    // The daemon answers before the first byte arrives and reports nothing later, so the file
+    // itself is the only sign of progress.
+    Progress progress(stdout, QStringLiteral("receiving"), QStringLiteral("received"), *size);
+    progress.start();
+    QElapsedTimer clock;
+    clock.start();
+    quint64 received = 0;
+    for (;;) {
+        received = quint64(QFileInfo(path).size());
+        progress.setDone(received);
+        if (QFileInfo::exists(path) && received >= *size)
+            break;
+        if (clock.elapsed() >= timeoutMs) {
+            progress.finish(false);
+            std::fprintf(stderr, "usbdctl: %s holds %llu of %llu bytes after %.1f s\n",
+                         qPrintable(path), static_cast<unsigned long long>(received),
+                         static_cast<unsigned long long>(*size), timeoutMs / 1000.0);
+            return kExitTimeout;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, kReceivePollMs);
+        QThread::msleep(kReceivePollMs);
+    }
+    progress.finish(true);
+    return kExitOk;
+}
+
+} // namespace usbdctl
+
+#include "dbuscommands.moc"

@@ -1,0 +1,183 @@
+#include "requests.h"
+
+#include <cctype>
+#include <limits>
+
+#include <QFileInfo>
+
+#include <ostr/CUsbD.h>
+
+#include "arguments.h"
+
+namespace usbdctl {
+
+namespace {
+
+constexpr char kErrorPrefix[] = "org.freedesktop.DBus.Error.";
+
+} // namespace
+
+QString linkTypeName(int linkType)
+{
+    switch (linkType) {
+    case 0:
+        return QStringLiteral("none");
+    case 1:
+        return QStringLiteral("usb");
+    case 2:
+        return QStringLiteral("ios-mfi");
+    case 3:
+        return QStringLiteral("ios-wifi");
+    default:
+        return QStringLiteral("unknown");
+    }
+}
+
+QString describeLinkType(int linkType)
+{
+    return QStringLiteral("%1 (%2)").arg(linkTypeName(linkType)).arg(linkType);
+}
+
+int exitCodeForDBusError(const QString &errorName, const QString &message)
+{
+    if (!errorName.startsWith(QLatin1String(kErrorPrefix)))
+        return kExitOtherError;
+    const QString name = errorName.mid(int(sizeof(kErrorPrefix)) - 1);
+    if (name == QLatin1String("ServiceUnknown") || name == QLatin1String("NameHasNoOwner"))
+        return kExitNotRunning;
+    if (name == QLatin1String("AccessDenied"))
+        return kExitAccessDenied;
+    if (name == QLatin1String("NoReply") || name == QLatin1String("Timeout") ||
+        name == QLatin1String("TimedOut"))
+        return kExitTimeout;
+    // Failed is also what a bus or a library may answer for problems of its own; only the
+    // daemon's own text means that the transfer itself went wrong.
+    if (name == QLatin1String("Failed") && message == QLatin1String(kTransferFailedText))
+        return kExitTransferFailed;
+    return kExitOtherError;
+}
+
+QVariantMap fileMap(const FilePiece &piece)
+{
+    QVariantMap map;
+    map.insert(CUsbD::tagPath(), piece.path);
+    map.insert(CUsbD::tagOffset(), qlonglong(piece.offset));
+    map.insert(CUsbD::tagSize(), int(piece.size));
+    map.insert(CUsbD::tagElementAlignment(), int(piece.elementAlignment));
+    map.insert(CUsbD::tagElementPadding(), int(piece.elementPadding));
+    map.insert(CUsbD::tagSessionId(), QVariant::fromValue<ushort>(piece.sessionId));
+    return map;
+}
+
+bool planFilePieces(const QStringList &files, const FileOptions &options, QList<FilePiece> *out,
+                    PlanError *error)
+{
+    constexpr quint64 kMaxOffset = std::numeric_limits<quint32>::max();
+    constexpr quint64 kMaxSize = std::numeric_limits<qint32>::max();
+
+    QList<FilePiece> pieces;
+    for (const QString &file : files) {
+        const QFileInfo info(file);
+        if (!info.exists()) {
+            *error = {kExitLocalFile, QStringLiteral("%1: no such file").arg(file)};
+            return false;
+        }
+        if (!info.isFile()) {
+            *error = {kExitLocalFile, QStringLiteral("%1: not a regular file").arg(file)};
+            return false;
+        }
+        if (!info.isReadable()) {
+            *error = {kExitLocalFile, QStringLiteral("%1: not readable").arg(file)};
+            return false;
+        }
+        const quint64 fileSize = quint64(info.size());
+        const quint64 offset = options.offset.value_or(0);
+        if (offset > kMaxOffset) {
+            *error = {kExitUsage, QStringLiteral("--offset %1 is too large (at most %2)")
+                                      .arg(offset).arg(kMaxOffset)};
+            return false;
+        }
+        if (offset > fileSize) {
+            *error = {kExitUsage, QStringLiteral("%1: offset %2 lies past the end of the file "
+                                                 "(%3 bytes)").arg(file).arg(offset).arg(fileSize)};
+            return false;
+        }
+        const quint64 size = options.size.value_or(fileSize - offset);
+        if (size > fileSize - offset) {
+            *error = {kExitUsage, QStringLiteral("%1: offset %2 + size %3 runs past the end of the "
+                                                 "file (%4 bytes)")
+                                      .arg(file).arg(offset).arg(size).arg(fileSize)};
+            return false;
+        }
+        if (size > kMaxSize) {
+            *error = {kExitUsage, QStringLiteral("%1: %2 bytes are more than one piece can carry "
+                                                 "(%3); send it in parts with --offset and --size")
+                                      .arg(file).arg(size).arg(kMaxSize)};
+            return false;
+        }
+        FilePiece piece;
+        piece.path = info.absoluteFilePath();
+        piece.offset = quint32(offset);
+        piece.size = qint32(size);
+        piece.elementAlignment = qint32(options.elementAlignment);
+        piece.elementPadding = qint32(options.elementPadding);
+        piece.sessionId = options.sessionId;
+        pieces.append(piece);
+    }
+    *out = pieces;
+    return true;
+}
+
+QVariantMap shmMap(const ShmPiece &piece)
+{
+    QVariantMap map;
+    map.insert(CUsbD::tagHandle(), qulonglong(piece.handle));
+    map.insert(CUsbD::tagSize(), qlonglong(piece.size));
+    map.insert(CUsbD::tagElementAlignment(), int(piece.elementAlignment));
+    map.insert(CUsbD::tagElementPadding(), int(piece.elementPadding));
+    map.insert(CUsbD::tagUsePhysicalAddress(), piece.usePhysicalAddress);
+    map.insert(CUsbD::tagSessionId(), QVariant::fromValue<ushort>(piece.sessionId));
+    return map;
+}
+
+std::optional<HandleSpec> parseHandleSpec(const QString &text)
+{
+    const QStringList parts = text.split(QLatin1Char(':'));
+    if (parts.size() != 3)
+        return std::nullopt;
+    const auto handle = parseUnsigned(parts.at(0), std::numeric_limits<quint64>::max());
+    const auto offset = parseUnsigned(parts.at(1), std::numeric_limits<quint32>::max());
+    const auto size = parseUnsigned(parts.at(2), std::numeric_limits<quint32>::max());
+    if (!handle || !offset || !size)
+        return std::nullopt;
+    return HandleSpec{*handle, quint32(*offset), quint32(*size)};
+}
+
+std::optional<QByteArray> parseHex(const QString &text)
+{
+    QString digits = text;
+    digits.remove(QLatin1Char(' ')).remove(QLatin1Char(':'));
+    if (digits.size() % 2 != 0)
+        return std::nullopt;
+    for (const QChar c : digits) {
+        if (!isxdigit(c.toLatin1()))
+            return std::nullopt;
+    }
+    return QByteArray::fromHex(digits.toLatin1());
+}
+
+QString formatBytes(quint64 bytes)
+{
+    if (bytes < 1024)
+        return QStringLiteral("%1 B").arg(bytes);
+    static const char *const kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
+    double value = double(bytes) / 1024.0;
+    int unit = 0;
+    while (value >= 1024.0 && unit < 3) {
+        value /= 1024.0;
+        ++unit;
+    }
+    return QStringLiteral("%1 %2").arg(value, 0, 'f', value < 10 ? 2 : 1).arg(QLatin1String(kUnits[unit]));
+}
+
+} // namespace usbdctl

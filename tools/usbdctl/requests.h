@@ -1,0 +1,99 @@
+#pragma once
+
+#include <optional>
+
+#include <QList>
+#include <QString>
+#include <QVariantMap>
+
+// What usbdctl puts on the wire, kept apart from the commands so that it can be checked
+// without a daemon: the maps of the send methods, the plan of a send-file request, the
+// socket-send entries, and how a failure becomes an exit status.
+namespace usbdctl {
+
+// Exit statuses; scripts tell the common failures apart by them, so they never change.
+constexpr int kExitOk = 0;
+constexpr int kExitUsage = 1;
+constexpr int kExitNotRunning = 2;
+constexpr int kExitAccessDenied = 3;
+constexpr int kExitLocalFile = 4;
+constexpr int kExitTransferFailed = 5;
+constexpr int kExitOtherError = 6;
+constexpr int kExitTimeout = 7;
+
+// The error text the daemon answers a request with when any of it could not be sent.
+constexpr char kTransferFailedText[] = "Failed to send buffer";
+
+// "none", "usb", "ios-mfi", "ios-wifi"; "unknown" for any other number.
+QString linkTypeName(int linkType);
+// "usb (1)": the name for people, the number for matching against the D-Bus value.
+QString describeLinkType(int linkType);
+
+// Exit status for a D-Bus error reply or connection error.
+int exitCodeForDBusError(const QString &errorName, const QString &message);
+
+// One send_file piece. The daemon narrows offset to 32 bits and reads size as a signed 32-bit
+// value, so a piece is only built with values that survive that unchanged.
+struct FilePiece {
+    QString path;
+    quint32 offset = 0;
+    qint32 size = 0;
+    qint32 elementAlignment = 0;
+    qint32 elementPadding = 0;
+    quint16 sessionId = 0;
+};
+
+// The aa{sv} entry for one piece, with exactly the D-Bus types the daemon checks for:
+// path s, offset x, size i, element_alignment i, element_padding i, session_id q.
+QVariantMap fileMap(const FilePiece &piece);
+
+// Options of send-file that apply to every file of the request.
+struct FileOptions {
+    std::optional<quint64> offset;
+    std::optional<quint64> size; // absent: from offset to the end of each file
+    quint32 elementAlignment = 0;
+    quint32 elementPadding = 0;
+    quint16 sessionId = 0;
+};
+
+struct PlanError {
+    int exitCode = kExitOk;
+    QString message;
+};
+
+// Turns file names into pieces: absolute paths (the daemon has its own working directory),
+// each file readable here, and offset + size within it. Fails with kExitLocalFile for a file
+// that is missing or unreadable and kExitUsage for a range that does not fit.
+bool planFilePieces(const QStringList &files, const FileOptions &options, QList<FilePiece> *out,
+                    PlanError *error);
+
+// One send_shm_data piece.
+struct ShmPiece {
+    quint64 handle = 0;
+    quint32 size = 0;
+    qint32 elementAlignment = 0;
+    qint32 elementPadding = 0;
+    bool usePhysicalAddress = true;
+    quint16 sessionId = 0;
+};
+
+// handle t, size x, element_alignment i, element_padding i, use_physical_address b,
+// session_id q.
+QVariantMap shmMap(const ShmPiece &piece);
+
+// A handle entry of socket-send, written HANDLE:OFFSET:SIZE.
+struct HandleSpec {
+    quint64 handle = 0;
+    quint32 offset = 0;
+    quint32 size = 0;
+};
+std::optional<HandleSpec> parseHandleSpec(const QString &text);
+
+// Bytes written as hexadecimal digits, optionally separated by spaces or colons ("de ad",
+// "de:ad", "dead").
+std::optional<QByteArray> parseHex(const QString &text);
+
+// "512 B", "4.0 KiB", "1.5 MiB", "2.00 GiB".
+QString formatBytes(quint64 bytes);
+
+} // namespace usbdctl

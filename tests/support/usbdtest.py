@@ -59,6 +59,7 @@ class Emulator:
         self.process = subprocess.Popen(args, stdout=self._log, stderr=subprocess.STDOUT,
                                         stdin=subprocess.DEVNULL, env=run_env)
         self._bus = None
+        self._init_pid = None
 
     # --- control -------------------------------------------------------------------------
     def ctl(self, *args, check=True, input=None, timeout=20):
@@ -84,8 +85,13 @@ class Emulator:
         wait_for(up, timeout, what="emulator control socket")
 
     def root(self):
-        """A path to the namespace's root directory."""
-        return f"/proc/{self.process.pid}/root"
+        """A path to the namespace's root directory, through the namespace's init process."""
+        if self._init_pid is None:
+            self._init_pid = self.status()["init_pid"]
+        return f"/proc/{self._init_pid}/root"
+
+    def endpoint(self, file):
+        return next(ep for ep in self.status()["endpoints"] if ep["file"] == file)
 
     def inside(self, path):
         return self.root() + path

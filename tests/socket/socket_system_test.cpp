@@ -80,6 +80,9 @@ int run(const std::vector<std::string> &argv)
 {
     const pid_t pid = fork();
     if (pid == 0) {
+        // Their progress lines ("ready") are of no interest here; errors still show.
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        dup2(null, STDOUT_FILENO);
         std::vector<char *> args;
         for (const std::string &a : argv)
             args.push_back(const_cast<char *>(a.c_str()));

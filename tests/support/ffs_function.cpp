@@ -51,7 +51,7 @@ bool bringUpFunction(FfsFunction *function, std::string *why)
 bool emuctl(const std::string &args)
 {
     const char *name = std::getenv("USBD_EMU_NAME");
-    const char *tool = std::getenv("USBD_EMUCTL_BIN");
+    const char *tool = std::getenv("USBD_EMUCTL");
     if (name == nullptr)
         return false;
     const std::string command = std::string(tool ? tool : "usbd-emuctl") + " --name " + name

@@ -20,7 +20,7 @@ struct FfsFunction {
 bool bringUpFunction(FfsFunction *function, std::string *why);
 
 // Runs `usbd-emuctl --name <name> <args>` (the emulator's name is taken from USBD_EMU_NAME,
-// the tool from USBD_EMUCTL_BIN or PATH); true when it exits with status 0.
+// the tool from USBD_EMUCTL or PATH); true when it exits with status 0.
 bool emuctl(const std::string &args);
 
 } // namespace usbdtest

@@ -1,0 +1,356 @@
+// Throughput and CPU cost of the daemon's send path (UsbDataIn + USBConn) against a minimal
+// raw writev() loop over the same bytes, both into the bulk IN endpoint. Runs inside the device
+// emulator in the daemon's place; see scripts/bench.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <QByteArray>
+#include <QString>
+
+#include "ffs_function.h"
+#include "usbconn.h"
+#include "usbdatain.h"
+#include "usbdbuffer.h"
+#include "usbdbufferlist.h"
+
+namespace {
+
+constexpr size_t kMiB = 1024 * 1024;
+constexpr double kGiB = 1024.0 * 1024.0 * 1024.0;
+
+struct Options {
+    int rounds = 8;
+    size_t memoryBufferMiB = 16; // 4 requests x 4 buffers
+    size_t fileMiB = 64;         // 2 requests x 2 files
+    quint32 padding = 512;
+    std::string fileDir = "/tmp";
+};
+
+// One buffer of the workload: a memory block or a file, with its padding.
+struct Piece {
+    QByteArray memory;
+    std::string path;
+    size_t size = 0;
+    quint32 padding = 0;
+};
+using Request = std::vector<Piece>;
+
+double now(clockid_t clock)
+{
+    timespec ts;
+    clock_gettime(clock, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
+struct Sample {
+    double seconds = 0;
+    double cpuSeconds = 0;
+};
+
+// Completion of one request sent through the daemon's queue.
+class Completion {
+public:
+    void done(bool ok)
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        ++finished_;
+        failed_ += ok ? 0 : 1;
+        changed_.notify_all();
+    }
+    bool wait(int count)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return finished_ >= count; });
+        return failed_ == 0;
+    }
+    void reset()
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        finished_ = failed_ = 0;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int finished_ = 0;
+    int failed_ = 0;
+};
+
+class BenchList : public UsbDBufferList {
+public:
+    BenchList(const QList<UsbDBuffer *> &buffers, Completion *completion)
+        : UsbDBufferList(buffers, nullptr), completion_(completion)
+    {
+    }
+    // Counted once the request is gone, buffers and file mappings included: releasing them is
+    // part of the daemon's work, and must not overlap with the other side's measurement.
+    ~BenchList() override { completion_->done(ok_); }
+    void success() override { ok_ = true; }
+    void fail() override { ok_ = false; }
+
+private:
+    Completion *completion_;
+    bool ok_ = false;
+};
+
+bool runDaemonPath(UsbDataIn *queue, Completion *completion, const std::vector<Request> &requests)
+{
+    completion->reset();
+    for (const Request &request : requests) {
+        QList<UsbDBuffer *> buffers;
+        for (const Piece &piece : request) {
+            if (piece.path.empty())
+                buffers.append(new UsbDBufferMem(piece.memory, 0, quint32(piece.size), 0,
+                                                 piece.padding, 0, nullptr));
+            else
+                buffers.append(new UsbDBufferPath(QString::fromStdString(piece.path), 0,
+                                                  quint32(piece.size), 0, piece.padding, 0,
+                                                  nullptr));
+        }
+        queue->send_data(new BenchList(buffers, completion));
+    }
+    return completion->wait(int(requests.size()));
+}
+
+// What a program that owns the endpoint would write by hand: map what it must, then writev()
+// at most 8 MiB per call, continuing short writes.
+bool runRawLoop(int endpoint, const std::vector<Request> &requests, const std::vector<char> &zeros)
+{
+    for (const Request &request : requests) {
+        std::vector<iovec> segments;
+        std::vector<std::pair<void *, size_t>> mappings;
+        for (const Piece &piece : request) {
+            const void *data = piece.memory.constData();
+            if (!piece.path.empty()) {
+                const int fd = ::open(piece.path.c_str(), O_RDONLY | O_CLOEXEC);
+                struct stat st;
+                if (fd < 0 || ::fstat(fd, &st) < 0)
+                    return false;
+                void *mapping = ::mmap(nullptr, size_t(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
+                ::close(fd);
+                if (mapping == MAP_FAILED)
+                    return false;
+                mappings.emplace_back(mapping, size_t(st.st_size));
+                data = mapping;
+            }
+            segments.push_back({const_cast<void *>(data), piece.size});
+            if (piece.padding != 0)
+                segments.push_back({const_cast<char *>(zeros.data()), piece.padding});
+        }
+
+        size_t index = 0;
+        size_t sent = 0; // of segments[index]
+        bool ok = true;
+        while (ok && index < segments.size()) {
+            iovec call[32];
+            int count = 0;
+            size_t budget = 8 * kMiB;
+            for (size_t i = index, from = sent; i < segments.size() && count < 32 && budget > 0;
+                 ++i, from = 0) {
+                const size_t length = std::min(segments[i].iov_len - from, budget);
+                call[count++] = {static_cast<char *>(segments[i].iov_base) + from, length};
+                budget -= length;
+            }
+            ssize_t written = ::writev(endpoint, call, count);
+            ok = written > 0;
+            while (written > 0) {
+                const size_t take = std::min(size_t(written), segments[index].iov_len - sent);
+                sent += take;
+                written -= ssize_t(take);
+                if (sent == segments[index].iov_len) {
+                    ++index;
+                    sent = 0;
+                }
+            }
+        }
+        for (const auto &mapping : mappings)
+            ::munmap(mapping.first, mapping.second);
+        if (!ok)
+            return false;
+    }
+    return true;
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+bool makeFile(const std::string &path, size_t size, int seed)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return false;
+    std::vector<char> block(kMiB);
+    bool ok = true;
+    for (size_t done = 0; ok && done < size; done += block.size()) {
+        std::fill(block.begin(), block.end(), char(seed + int(done / kMiB)));
+        ok = ::write(fd, block.data(), block.size()) == ssize_t(block.size());
+    }
+    ::close(fd);
+    return ok;
+}
+
+void quietLog(QtMsgType type, const QMessageLogContext &, const QString &message)
+{
+    // Every successful transfer logs its time; only real trouble is worth showing here.
+    if (type == QtCriticalMsg || type == QtFatalMsg || message.contains(QLatin1String("failed")))
+        std::fprintf(stderr, "%s\n", qPrintable(message));
+}
+
+bool parseOptions(int argc, char **argv, Options *options)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (arg == "--rounds" && hasValue)
+            options->rounds = std::max(1, std::atoi(argv[++i]));
+        else if (arg == "--memory-mib" && hasValue)
+            options->memoryBufferMiB = size_t(std::max(1, std::atoi(argv[++i])));
+        else if (arg == "--file-mib" && hasValue)
+            options->fileMiB = size_t(std::max(1, std::atoi(argv[++i])));
+        else if (arg == "--file-dir" && hasValue)
+            options->fileDir = argv[++i];
+        else
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options options;
+    if (!parseOptions(argc, argv, &options)) {
+        std::fprintf(stderr,
+                     "usage: %s [--rounds N] [--memory-mib M] [--file-mib F] [--file-dir DIR]\n",
+                     argv[0]);
+        return 2;
+    }
+    qInstallMessageHandler(quietLog);
+
+    usbdtest::FfsFunction function;
+    std::string why;
+    if (!usbdtest::bringUpFunction(&function, &why)) {
+        std::fprintf(stderr, "bench: %s\n", why.c_str());
+        return 1;
+    }
+    if (!usbdtest::emuctl("plug")) {
+        std::fprintf(stderr, "bench: cannot plug the emulated host (USBD_EMU_NAME, USBD_EMUCTL)\n");
+        return 1;
+    }
+
+    // The workload: four memory requests of four buffers and two file requests of two files.
+    std::vector<Request> requests;
+    size_t totalBytes = 0;
+    for (int r = 0; r < 4; ++r) {
+        Request request;
+        for (int b = 0; b < 4; ++b) {
+            Piece piece;
+            piece.size = options.memoryBufferMiB * kMiB;
+            piece.memory = QByteArray(int(piece.size), char('a' + r * 4 + b));
+            piece.padding = options.padding;
+            totalBytes += piece.size + piece.padding;
+            request.push_back(piece);
+        }
+        requests.push_back(request);
+    }
+    std::vector<std::string> files;
+    for (int r = 0; r < 2; ++r) {
+        Request request;
+        for (int f = 0; f < 2; ++f) {
+            Piece piece;
+            piece.path = options.fileDir + "/usbd-bench-" + std::to_string(getpid()) + "-"
+                         + std::to_string(r * 2 + f);
+            piece.size = options.fileMiB * kMiB;
+            piece.padding = options.padding;
+            if (!makeFile(piece.path, piece.size, r * 2 + f)) {
+                std::fprintf(stderr, "bench: cannot create %s\n", piece.path.c_str());
+                for (const std::string &file : files)
+                    ::unlink(file.c_str());
+                return 1;
+            }
+            files.push_back(piece.path);
+            totalBytes += piece.size + piece.padding;
+            request.push_back(piece);
+        }
+        requests.push_back(request);
+    }
+    const std::vector<char> zeros(options.padding, 0);
+
+    Completion completion;
+    UsbDataIn queue({new USBConn(function.ep3.get(), true, nullptr)});
+    queue.setLinkType(OstrTypes::LinkTypeUsb);
+    std::thread worker([&queue] { queue.process(); });
+
+    // The first write waits for the host to enable the function; keep that out of the figures.
+    std::vector<Request> warmUp(1, Request(1));
+    warmUp[0][0].memory = QByteArray(int(kMiB), 'w');
+    warmUp[0][0].size = kMiB;
+    bool ok = runRawLoop(function.ep3.get(), warmUp, zeros)
+              && runDaemonPath(&queue, &completion, warmUp);
+
+    std::vector<double> daemonRate, rawRate, rateRatio, daemonCpu, rawCpu, cpuRatio;
+    for (int round = 0; ok && round < options.rounds; ++round) {
+        Sample samples[2];
+        for (int side = 0; ok && side < 2; ++side) {
+            const double wall0 = now(CLOCK_MONOTONIC);
+            const double cpu0 = now(CLOCK_PROCESS_CPUTIME_ID);
+            // A B, then B A: whichever side runs second in a pair pays for what the first
+            // left behind (in the emulator and the kernel), so each side takes both places.
+            const int which = round % 2 == 0 ? side : 1 - side;
+            ok = which == 0 ? runDaemonPath(&queue, &completion, requests)
+                            : runRawLoop(function.ep3.get(), requests, zeros);
+            samples[which].seconds = now(CLOCK_MONOTONIC) - wall0;
+            samples[which].cpuSeconds = now(CLOCK_PROCESS_CPUTIME_ID) - cpu0;
+        }
+        if (!ok)
+            break;
+        const double gib = double(totalBytes) / kGiB;
+        daemonRate.push_back(double(totalBytes) / 1e6 / samples[0].seconds);
+        rawRate.push_back(double(totalBytes) / 1e6 / samples[1].seconds);
+        rateRatio.push_back(daemonRate.back() / rawRate.back());
+        daemonCpu.push_back(samples[0].cpuSeconds / gib);
+        rawCpu.push_back(samples[1].cpuSeconds / gib);
+        cpuRatio.push_back(daemonCpu.back() / rawCpu.back());
+        std::fprintf(stderr, "round %d: usbd %.0f MB/s %.3f CPU s/GiB, raw %.0f MB/s %.3f CPU s/GiB\n",
+                     round + 1, daemonRate.back(), daemonCpu.back(), rawRate.back(), rawCpu.back());
+    }
+
+    queue.quit();
+    worker.join();
+    for (const std::string &file : files)
+        ::unlink(file.c_str());
+    if (!ok) {
+        std::fprintf(stderr, "bench: a transfer failed\n");
+        return 1;
+    }
+
+    std::printf("bytes per side and round: %zu (%d rounds, alternating A B, B A)\n", totalBytes,
+                options.rounds);
+    std::printf("usbd MB/s: %.0f\n", median(daemonRate));
+    std::printf("raw writev MB/s: %.0f\n", median(rawRate));
+    std::printf("throughput ratio usbd/raw: %.3f (goal >= 0.95)\n", median(rateRatio));
+    std::printf("usbd CPU s/GiB: %.3f\n", median(daemonCpu));
+    std::printf("raw writev CPU s/GiB: %.3f\n", median(rawCpu));
+    std::printf("CPU ratio usbd/raw: %.3f (goal <= 1.10)\n", median(cpuRatio));
+    return 0;
+}

@@ -1,13 +1,10 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QDBusInterface>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
-#include <QDBusPendingReply>
 #include <QDBusVariant>
 #include <QElapsedTimer>
 #include <QProcess>
-#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -63,7 +60,6 @@ public:
         QStringList invalidated;
     };
     QList<Change> changes_;
-    QList<int> links_;
     QList<QString> pings_;
 
 public slots:
@@ -72,14 +68,7 @@ public slots:
     {
         changes_.append({interface, changed, invalidated});
     }
-    void onLink(OstrTypes::E_LinkType type) { links_.append(int(type)); }
     void onPing(const QString &text) { pings_.append(text); }
-};
-
-class LinkEmitter : public QObject {
-    Q_OBJECT
-signals:
-    void linkChanged(OstrTypes::E_LinkType type);
 };
 
 bool waitFor(const std::function<bool()> &done, int timeoutMs = 5000)
@@ -175,20 +164,6 @@ TEST(Messaging, ObjectIsExportedWithItsDerivedInterface)
     EXPECT_EQ(probe.level_, 3);
 }
 
-TEST(Messaging, DestroyedObjectLeavesTheBus)
-{
-    {
-        ProbeObject probe;
-    }
-    QDBusMessage call = QDBusMessage::createMethodCall(Common::serviceName(), kPath, kInterface,
-                                                       QStringLiteral("record"));
-    call << 1;
-    EXPECT_EQ(callAndWait(call).type(), QDBusMessage::ErrorMessage);
-    // The path is free again for a new object.
-    ProbeObject again;
-    EXPECT_EQ(callAndWait(call).type(), QDBusMessage::ReplyMessage);
-}
-
 TEST(Messaging, PropertyChangesAreAnnounced)
 {
     ProbeObject probe;
@@ -256,26 +231,6 @@ TEST(Messaging, BusSendWorksFromAnyThread)
     EXPECT_EQ(sent.load(), kThreads * kPerThread);
     EXPECT_TRUE(waitFor([&sink] { return sink.pings_.size() == kThreads * kPerThread; }))
         << sink.pings_.size();
-}
-
-TEST(Messaging, LinkTypeCrossesThreadsInQueuedConnections)
-{
-    OstrTypes::registerTypes();
-    OstrTypes::registerTypes();
-    EXPECT_NE(QMetaType::type("OstrTypes::E_LinkType"), int(QMetaType::UnknownType));
-
-    QThread thread;
-    LinkEmitter emitter;
-    emitter.moveToThread(&thread);
-    SignalSink sink;
-    QObject::connect(&emitter, &LinkEmitter::linkChanged, &sink, &SignalSink::onLink,
-                     Qt::QueuedConnection);
-    thread.start();
-    QMetaObject::invokeMethod(&emitter, [&emitter] { emit emitter.linkChanged(OstrTypes::LinkTypeWifi); });
-    EXPECT_TRUE(waitFor([&sink] { return !sink.links_.isEmpty(); }));
-    EXPECT_EQ(sink.links_, QList<int>{3});
-    thread.quit();
-    thread.wait();
 }
 
 TEST(Messaging, StartUpFailuresEndTheProcessWithOneMessage)

@@ -26,6 +26,8 @@ DBusClient::DBusClient(bool sessionBus)
     : session_(sessionBus),
       connection_(sessionBus ? QDBusConnection::sessionBus() : QDBusConnection::systemBus())
 {
+    // The send methods take aa{sv}; QtDBus knows the element type but not the list of them.
+    qDBusRegisterMetaType<QList<QVariantMap>>();
 }
 
 QString DBusClient::busName() const
@@ -67,8 +69,8 @@ int DBusClient::report(const QString &errorName, const QString &message, int tim
         break;
     case kExitTimeout:
         std::fprintf(stderr,
-                     "usbdctl: usbd did not answer within %.1f s (a request still waiting when the "
-                     "link changes is dropped unanswered)\n",
+                     "usbdctl: no answer from usbd within %.1f s: the transfer is still under way, "
+                     "or the request was dropped when the link changed\n",
                      timeoutMs / 1000.0);
         break;
     case kExitTransferFailed: {

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include <QCoreApplication>
+#include <QLoggingCategory>
 #include <QStringList>
 
 #include "commands.h"
@@ -83,6 +84,9 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("usbdctl"));
     QCoreApplication::setApplicationVersion(QStringLiteral(USBD_VERSION));
+    // The shared-memory layer reports its set-up at info level, which is the daemon's log and
+    // not news to a user of the tool. QT_LOGGING_RULES still overrides this.
+    QLoggingCategory::setFilterRules(QStringLiteral("default.info=false"));
 
     QStringList args = QCoreApplication::arguments().mid(1);
     // Options before the command: the ones every command takes, handed on to it.

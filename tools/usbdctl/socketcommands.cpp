@@ -151,9 +151,9 @@ int runSocketSend(const Arguments &arguments)
     progress.finish(result == 0 && response.sent());
     if (result == -ETIMEDOUT) {
         std::fprintf(stderr,
-                     "usbdctl: usbd did not answer within %llu s (a request still waiting when the "
-                     "link changes is dropped unanswered)\n",
-                     static_cast<unsigned long long>(timeoutSeconds));
+                     "usbdctl: no answer from usbd within %.1f s: the transfer is still under way, "
+                     "or the request was dropped when the link changed\n",
+                     double(timeoutMs) / 1000.0);
         return kExitTimeout;
     }
     if (result != 0)

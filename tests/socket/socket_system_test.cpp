@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -394,4 +396,32 @@ TEST_F(SocketSystem, StaleSocketFileLeavesTheFrontEndOff)
     ASSERT_EQ(stat(usbd::client::kDefaultSocketPath, &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode)); // left as it was
     EXPECT_TRUE(daemonRunning());
+}
+
+TEST_F(SocketSystem, ClientsBeyondTheDescriptorLimitDoNotMakeTheServerSpin)
+{
+    Connection first;
+    ASSERT_NO_FATAL_FAILURE(startLinked(&first));
+    // Leave the daemon room for a few more descriptors only, then connect more clients than
+    // that (but not more than the listen backlog holds, or connect() would wait).
+    const std::filesystem::directory_iterator fds("/proc/" + std::to_string(daemon_) + "/fd");
+    const auto open = rlim_t(std::distance(begin(fds), end(fds)));
+    const rlimit few{open + 4, open + 4};
+    ASSERT_EQ(prlimit(daemon_, RLIMIT_NOFILE, &few, nullptr), 0);
+    std::vector<Connection> crowd(20);
+    for (Connection &c : crowd)
+        ASSERT_EQ(c.connect(), 0);
+    ASSERT_TRUE(waitForLog("accept() failed: -1"));
+    std::this_thread::sleep_for(1s);
+    // Without a pause, accept() would fail at the speed of the event loop.
+    EXPECT_LT(countOf(readFile(kDaemonLog), "accept() failed"), 30);
+
+    // Once descriptors are free again, waiting clients are accepted and served.
+    crowd.clear();
+    Connection late;
+    ASSERT_EQ(late.connect(), 0);
+    const Response response = exchange(&late, SendRequest(5).addMemory("late", 4).encode());
+    EXPECT_EQ(response.requestId, 5u);
+    EXPECT_EQ(response.status, 0);
+    EXPECT_EQ(exchange(&first, SendRequest(6).encode()).requestId, 6u);
 }

@@ -14,6 +14,7 @@
 
 #include "conn.h"
 #include "datapath_fakes.h"
+#include "fake_endpoint.h"
 #include "usbconn.h"
 #include "usbdatain.h"
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "datapath_fakes.h"
+#include "fake_endpoint.h"
 #include "usbconn.h"
 
 namespace {

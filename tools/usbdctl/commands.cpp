@@ -11,7 +11,7 @@ namespace {
 OptionSpec timeoutOption(const char *what)
 {
     return {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
-            QStringLiteral("give up after SEC seconds without %1 (default 60); exit status 7")
+            QStringLiteral("give up after SEC seconds without %1\n(default 60; exit status 7)")
                 .arg(QLatin1String(what))};
 }
 
@@ -132,9 +132,11 @@ const std::vector<Command> &commands()
            QStringLiteral("wait until FILE holds SIZE bytes (FILE is emptied first)")},
           {QStringLiteral("time-ms"), QChar(), QStringLiteral("MS"),
            QStringLiteral("the time_ms argument of open_file (the daemon ignores it)")},
-          timeoutOption("an answer or, with --wait, all the data")},
+          {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
+           QStringLiteral("give up after SEC seconds without an answer or, with\n"
+                          "--wait, without all the data (default 60; exit status 7)")}},
          runReceive},
-        {QStringLiteral("socket-send"), QStringLiteral("ENTRY-OPTIONS..."),
+        {QStringLiteral("socket-send"), QStringLiteral("[--text T | --hex H | --file F | --handle H:O:S]..."),
          QStringLiteral("send memory and shared-memory entries over the request socket"),
          QStringLiteral(
              "Sends one request over the daemon's Unix socket and waits for its 8-byte answer.\n"

@@ -22,7 +22,7 @@ const Command *findCommand(const QString &name)
     return nullptr;
 }
 
-void printMainHelp()
+void printMainHelp(FILE *out)
 {
     QString text = QStringLiteral(
         "usage: usbdctl [--session] COMMAND [OPTIONS] [ARGUMENTS]\n"
@@ -60,7 +60,7 @@ void printMainHelp()
         "  usbdctl watch\n"
         "  usbdctl send-file --padding 16 header.bin frame.bin\n"
         "  usbdctl socket-send --text hello\n");
-    std::fputs(qPrintable(text), stdout);
+    std::fputs(qPrintable(text), out);
 }
 
 void printCommandHelp(const Command &command)
@@ -94,7 +94,7 @@ int main(int argc, char **argv)
     while (!args.isEmpty() && args.first().startsWith(QLatin1Char('-'))) {
         const QString option = args.takeFirst();
         if (option == QLatin1String("-h") || option == QLatin1String("--help")) {
-            printMainHelp();
+            printMainHelp(stdout);
             return kExitOk;
         }
         if (option == QLatin1String("--version")) {
@@ -106,14 +106,14 @@ int main(int argc, char **argv)
         leading.append(option);
     }
     if (args.isEmpty()) {
-        printMainHelp();
+        printMainHelp(stderr);
         return kExitUsage;
     }
 
     QString name = args.takeFirst();
     if (name == QLatin1String("help")) {
         if (args.isEmpty()) {
-            printMainHelp();
+            printMainHelp(stdout);
             return kExitOk;
         }
         name = args.first();

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Writes the seed inputs of fuzz_socket_request: the wire examples of the socket protocol and
+"""Writes fuzz_socket_request's starting inputs: the wire examples of the socket protocol and
 the edges of its framing. Run from anywhere; the files go to corpus/socket_request/ beside it."""
 import os
 import struct

@@ -111,6 +111,8 @@ public slots:
     void onServiceBack()
     {
         printLine(QStringLiteral("%1 usbd is on the bus again").arg(timestamp()));
+        // A restarted daemon starts from its initial values: show them all once more.
+        last_.clear();
         QVariantMap properties;
         if (client_->readProperties(&properties) == kExitOk) {
             for (const char *name : kPropertyOrder)
@@ -118,16 +120,40 @@ public slots:
         }
     }
 
+    // The first values, printed and remembered as the base that changes are told against.
+    void printInitial(const QVariantMap &properties)
+    {
+        for (const char *name : kPropertyOrder) {
+            const QString key = QLatin1String(name);
+            const QVariant value = properties.value(key);
+            last_.insert(key, value);
+            printLine(QStringLiteral("%1 %2: %3").arg(timestamp(), key, formatProperty(key, value)));
+        }
+    }
+
 private:
     void printChange(const QString &name, const QVariant &value)
     {
+        // Lines of a batch that arrived together are still delivered after exit() was asked for.
+        if (finished_)
+            return;
+        // The daemon announces a property on every link event, also when its value stays the
+        // same; only a new value is a change.
+        const auto last = last_.constFind(name);
+        if (last != last_.constEnd() && *last == value)
+            return;
+        last_.insert(name, value);
         printLine(QStringLiteral("%1 %2: %3").arg(timestamp(), name, formatProperty(name, value)));
-        if (remaining_ != 0 && --remaining_ == 0)
+        if (remaining_ != 0 && --remaining_ == 0) {
+            finished_ = true;
             QCoreApplication::exit(kExitOk);
+        }
     }
 
     DBusClient *client_;
     quint64 remaining_; // 0: no limit
+    bool finished_ = false;
+    QVariantMap last_;
 };
 
 int sendMaps(DBusClient &client, const QString &method, const QList<QVariantMap> &maps,
@@ -208,10 +234,7 @@ int runWatch(const Arguments &arguments)
     QVariantMap properties;
     if (const int code = client.readProperties(&properties); code != kExitOk)
         return code;
-    for (const char *name : kPropertyOrder) {
-        const QString key = QLatin1String(name);
-        printLine(QStringLiteral("%1 %2: %3").arg(timestamp(), key, formatProperty(key, properties.value(key))));
-    }
+    watcher.printInitial(properties);
     return QCoreApplication::exec();
 }
 

@@ -161,19 +161,19 @@ TEST(ExitCodes, EachCommonFailureHasItsOwnStatus)
     EXPECT_EQ(exitCodeForDBusError("com.example.AccessDenied", "x"), kExitOtherError);
 }
 
-TEST(SocketEntries, HandleSpecsAndHexBytesRefuseWhatWouldBeTruncated)
+TEST(SocketEntries, HandleEntrysAndHexBytesRefuseWhatWouldBeTruncated)
 {
-    const auto spec = parseHandleSpec("0xFFFF00000000abcd:16:4096");
-    ASSERT_TRUE(spec);
-    EXPECT_EQ(spec->handle, 0xFFFF00000000abcdull);
-    EXPECT_EQ(spec->offset, 16u);
-    EXPECT_EQ(spec->size, 4096u);
+    const auto entry = parseHandleEntry("0xFFFF00000000abcd:16:4096");
+    ASSERT_TRUE(entry);
+    EXPECT_EQ(entry->handle, 0xFFFF00000000abcdull);
+    EXPECT_EQ(entry->offset, 16u);
+    EXPECT_EQ(entry->size, 4096u);
     // Offsets and sizes are 32-bit fields of the request.
-    EXPECT_FALSE(parseHandleSpec("1:4294967296:1"));
-    EXPECT_FALSE(parseHandleSpec("1:0:4294967296"));
-    EXPECT_FALSE(parseHandleSpec("1:0"));
-    EXPECT_FALSE(parseHandleSpec("1:0:2:3"));
-    EXPECT_FALSE(parseHandleSpec("-1:0:2"));
+    EXPECT_FALSE(parseHandleEntry("1:4294967296:1"));
+    EXPECT_FALSE(parseHandleEntry("1:0:4294967296"));
+    EXPECT_FALSE(parseHandleEntry("1:0"));
+    EXPECT_FALSE(parseHandleEntry("1:0:2:3"));
+    EXPECT_FALSE(parseHandleEntry("-1:0:2"));
 
     EXPECT_EQ(parseHex("de ad:BE ef"), QByteArray::fromHex("deadbeef"));
     EXPECT_EQ(parseHex(""), QByteArray());

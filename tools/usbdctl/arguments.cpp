@@ -6,20 +6,20 @@ namespace usbdctl {
 
 namespace {
 
-const OptionSpec *findLong(const std::vector<OptionSpec> &specs, const QString &name)
+const OptionInfo *findLong(const std::vector<OptionInfo> &options, const QString &name)
 {
-    for (const OptionSpec &spec : specs) {
-        if (spec.name == name)
-            return &spec;
+    for (const OptionInfo &option : options) {
+        if (option.name == name)
+            return &option;
     }
     return nullptr;
 }
 
-const OptionSpec *findShort(const std::vector<OptionSpec> &specs, QChar name)
+const OptionInfo *findShort(const std::vector<OptionInfo> &options, QChar name)
 {
-    for (const OptionSpec &spec : specs) {
-        if (!spec.shortName.isNull() && spec.shortName == name)
-            return &spec;
+    for (const OptionInfo &option : options) {
+        if (!option.shortName.isNull() && option.shortName == name)
+            return &option;
     }
     return nullptr;
 }
@@ -51,7 +51,7 @@ QStringList Arguments::values(const QString &name) const
     return result;
 }
 
-bool parseArguments(const QStringList &args, const std::vector<OptionSpec> &specs, Arguments *out,
+bool parseArguments(const QStringList &args, const std::vector<OptionInfo> &options, Arguments *out,
                     QString *error)
 {
     bool optionsEnded = false;
@@ -66,7 +66,7 @@ bool parseArguments(const QStringList &args, const std::vector<OptionSpec> &spec
             continue;
         }
 
-        const OptionSpec *spec = nullptr;
+        const OptionInfo *option = nullptr;
         QString inlineValue;
         bool hasInlineValue = false;
         if (arg.startsWith(QLatin1String("--"))) {
@@ -77,31 +77,31 @@ bool parseArguments(const QStringList &args, const std::vector<OptionSpec> &spec
                 hasInlineValue = true;
                 name.truncate(equals);
             }
-            spec = findLong(specs, name);
+            option = findLong(options, name);
         } else if (arg.size() == 2) {
-            spec = findShort(specs, arg.at(1));
+            option = findShort(options, arg.at(1));
         }
-        if (!spec) {
+        if (!option) {
             *error = QStringLiteral("unknown option %1").arg(arg);
             return false;
         }
 
-        if (spec->valueName.isEmpty()) {
+        if (option->valueName.isEmpty()) {
             if (hasInlineValue) {
-                *error = QStringLiteral("--%1 takes no value").arg(spec->name);
+                *error = QStringLiteral("--%1 takes no value").arg(option->name);
                 return false;
             }
-            out->addOption(spec->name, QString());
+            out->addOption(option->name, QString());
             continue;
         }
         if (!hasInlineValue) {
             if (i + 1 >= args.size()) {
-                *error = QStringLiteral("--%1 needs a value (%2)").arg(spec->name, spec->valueName);
+                *error = QStringLiteral("--%1 needs a value (%2)").arg(option->name, option->valueName);
                 return false;
             }
             inlineValue = args.at(++i);
         }
-        out->addOption(spec->name, inlineValue);
+        out->addOption(option->name, inlineValue);
     }
     return true;
 }
@@ -120,23 +120,23 @@ std::optional<quint64> parseUnsigned(const QString &text, quint64 max)
     return value;
 }
 
-QString describeOptions(const std::vector<OptionSpec> &specs)
+QString describeOptions(const std::vector<OptionInfo> &options)
 {
     QStringList left;
     int width = 0;
-    for (const OptionSpec &spec : specs) {
-        QString text = spec.shortName.isNull() ? QStringLiteral("      ")
-                                               : QStringLiteral("  -%1, ").arg(spec.shortName);
-        text += QStringLiteral("--") + spec.name;
-        if (!spec.valueName.isEmpty())
-            text += QLatin1Char(' ') + spec.valueName;
+    for (const OptionInfo &option : options) {
+        QString text = option.shortName.isNull() ? QStringLiteral("      ")
+                                                 : QStringLiteral("  -%1, ").arg(option.shortName);
+        text += QStringLiteral("--") + option.name;
+        if (!option.valueName.isEmpty())
+            text += QLatin1Char(' ') + option.valueName;
         width = std::max(width, int(text.size()));
         left.append(text);
     }
     QString result;
-    for (size_t i = 0; i < specs.size(); ++i) {
+    for (size_t i = 0; i < options.size(); ++i) {
         const QString indent(width + 2, QLatin1Char(' '));
-        QString help = specs[i].help;
+        QString help = options[i].help;
         help.replace(QLatin1Char('\n'), QLatin1Char('\n') + indent);
         result += left.at(int(i)).leftJustified(width + 2) + help + QLatin1Char('\n');
     }

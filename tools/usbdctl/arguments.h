@@ -12,7 +12,7 @@
 // order, which is why the tool has its own small parser.
 namespace usbdctl {
 
-struct OptionSpec {
+struct OptionInfo {
     QString name;      // without the leading "--"
     QChar shortName;   // '\0' when there is none
     QString valueName; // empty for a flag
@@ -37,9 +37,9 @@ private:
     QStringList positionals_;
 };
 
-// Parses args against specs. Accepts "--name value", "--name=value", "-x value", and "--" to end
+// Parses args against options. Accepts "--name value", "--name=value", "-x value", and "--" to end
 // the options. Options and positionals may be mixed. On failure *error says what is wrong.
-bool parseArguments(const QStringList &args, const std::vector<OptionSpec> &specs, Arguments *out,
+bool parseArguments(const QStringList &args, const std::vector<OptionInfo> &options, Arguments *out,
                     QString *error);
 
 // Unsigned numbers in decimal or with a 0x prefix, no larger than max. A leading zero is
@@ -47,6 +47,6 @@ bool parseArguments(const QStringList &args, const std::vector<OptionSpec> &spec
 std::optional<quint64> parseUnsigned(const QString &text, quint64 max);
 
 // "Usage" help text for a list of options, one per line, aligned.
-QString describeOptions(const std::vector<OptionSpec> &specs);
+QString describeOptions(const std::vector<OptionInfo> &options);
 
 } // namespace usbdctl

@@ -8,27 +8,27 @@ namespace usbdctl {
 
 namespace {
 
-OptionSpec timeoutOption(const char *what)
+OptionInfo timeoutOption(const char *what)
 {
     return {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
             QStringLiteral("give up after SEC seconds without %1\n(default 60; exit status 7)")
                 .arg(QLatin1String(what))};
 }
 
-const OptionSpec kAlignment{QStringLiteral("alignment"), QChar(), QStringLiteral("N"),
+const OptionInfo kAlignment{QStringLiteral("alignment"), QChar(), QStringLiteral("N"),
                             QStringLiteral("element alignment of each piece (default 0), passed on\n"
                                            "to the transport")};
-const OptionSpec kPadding{QStringLiteral("padding"), QChar(), QStringLiteral("N"),
+const OptionInfo kPadding{QStringLiteral("padding"), QChar(), QStringLiteral("N"),
                           QStringLiteral("zero bytes the daemon sends after each piece (default 0)")};
-const OptionSpec kSessionId{QStringLiteral("session-id"), QChar(), QStringLiteral("N"),
+const OptionInfo kSessionId{QStringLiteral("session-id"), QChar(), QStringLiteral("N"),
                             QStringLiteral("session id of each piece, 0 to 65535 (default 0); it\n"
                                            "travels in the iOS link's frame header")};
-const OptionSpec kSocket{QStringLiteral("socket"), QChar(), QStringLiteral("PATH"),
+const OptionInfo kSocket{QStringLiteral("socket"), QChar(), QStringLiteral("PATH"),
                          QStringLiteral("the daemon's request socket (default /tmp/usbd-socket)")};
 
 } // namespace
 
-std::vector<OptionSpec> commonOptions()
+std::vector<OptionInfo> commonOptions()
 {
     return {
         {QStringLiteral("session"), QLatin1Char('s'), QString(),
@@ -58,7 +58,7 @@ const std::vector<Command> &commands()
              "Once the first three lines are out, no later change is missed. When the daemon\n"
              "leaves the bus and comes back, watch says so and prints the values again.\n"),
          {{QStringLiteral("count"), QChar(), QStringLiteral("N"),
-           QStringLiteral("exit (status 0) after N changes, not counting the first values")}},
+           QStringLiteral("exit (status 0) after N changes, not counting the first values;\na value announced again unchanged is no change")}},
          runWatch},
         {QStringLiteral("send-data"), QStringLiteral("[TEXT]"),
          QStringLiteral("send up to 255 bytes given on the command line (send_data)"),

@@ -13,14 +13,14 @@ struct Command {
     QString synopsis; // the arguments after the command name
     QString summary;  // one line for the command list
     QString details;  // what it does, its output and its failures, for "usbdctl CMD --help"
-    std::vector<OptionSpec> options;
+    std::vector<OptionInfo> options;
     int (*run)(const Arguments &arguments);
 };
 
 const std::vector<Command> &commands();
 
 // Options every command takes.
-std::vector<OptionSpec> commonOptions();
+std::vector<OptionInfo> commonOptions();
 
 int runStatus(const Arguments &arguments);
 int runWatch(const Arguments &arguments);

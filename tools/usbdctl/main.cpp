@@ -35,7 +35,7 @@ void printMainHelp(FILE *out)
     for (const Command &command : commands())
         text += QStringLiteral("  %1%2\n").arg(command.name.leftJustified(13), command.summary);
     text += QStringLiteral("\nOptions of every command:\n");
-    std::vector<OptionSpec> options = commonOptions();
+    std::vector<OptionInfo> options = commonOptions();
     options.push_back({QStringLiteral("version"), QChar(), QString(), QStringLiteral("show the version")});
     text += describeOptions(options);
     text += QStringLiteral(
@@ -68,8 +68,8 @@ void printCommandHelp(const Command &command)
     QString text = QStringLiteral("usage: usbdctl %1 [OPTIONS]%2%3\n%4\n\n%5\nOptions:\n")
                        .arg(command.name, command.synopsis.isEmpty() ? "" : " ", command.synopsis,
                             command.summary, command.details);
-    std::vector<OptionSpec> options = command.options;
-    for (const OptionSpec &common : commonOptions())
+    std::vector<OptionInfo> options = command.options;
+    for (const OptionInfo &common : commonOptions())
         options.push_back(common);
     text += describeOptions(options);
     text += QStringLiteral("\nExit status: 0 done; 1 usage; 2 usbd not running; 3 access denied;\n"
@@ -123,12 +123,12 @@ int main(int argc, char **argv)
     if (!command)
         return usageError(QStringLiteral("unknown command \"%1\"").arg(name));
 
-    std::vector<OptionSpec> specs = command->options;
-    for (const OptionSpec &common : commonOptions())
-        specs.push_back(common);
+    std::vector<OptionInfo> options = command->options;
+    for (const OptionInfo &common : commonOptions())
+        options.push_back(common);
     Arguments parsed;
     QString error;
-    if (!parseArguments(leading + args, specs, &parsed, &error))
+    if (!parseArguments(leading + args, options, &parsed, &error))
         return usageError(QStringLiteral("%1: %2").arg(command->name, error));
     if (parsed.has(QStringLiteral("help"))) {
         printCommandHelp(*command);

@@ -140,7 +140,7 @@ QVariantMap shmMap(const ShmPiece &piece)
     return map;
 }
 
-std::optional<HandleSpec> parseHandleSpec(const QString &text)
+std::optional<HandleEntry> parseHandleEntry(const QString &text)
 {
     const QStringList parts = text.split(QLatin1Char(':'));
     if (parts.size() != 3)
@@ -150,7 +150,7 @@ std::optional<HandleSpec> parseHandleSpec(const QString &text)
     const auto size = parseUnsigned(parts.at(2), std::numeric_limits<quint32>::max());
     if (!handle || !offset || !size)
         return std::nullopt;
-    return HandleSpec{*handle, quint32(*offset), quint32(*size)};
+    return HandleEntry{*handle, quint32(*offset), quint32(*size)};
 }
 
 std::optional<QByteArray> parseHex(const QString &text)

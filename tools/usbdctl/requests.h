@@ -82,12 +82,12 @@ struct ShmPiece {
 QVariantMap shmMap(const ShmPiece &piece);
 
 // A handle entry of socket-send, written HANDLE:OFFSET:SIZE.
-struct HandleSpec {
+struct HandleEntry {
     quint64 handle = 0;
     quint32 offset = 0;
     quint32 size = 0;
 };
-std::optional<HandleSpec> parseHandleSpec(const QString &text);
+std::optional<HandleEntry> parseHandleEntry(const QString &text);
 
 // Bytes written as hexadecimal digits, optionally separated by spaces or colons ("de ad",
 // "de:ad", "dead").

@@ -105,11 +105,11 @@ int runSocketSend(const Arguments &arguments)
             // enough to know.
             bytes = file.read(qint64(usbd::client::kMaxRequestSize) + 1);
         } else if (name == QLatin1String("handle")) {
-            const auto spec = parseHandleSpec(value);
-            if (!spec)
+            const auto entry = parseHandleEntry(value);
+            if (!entry)
                 return usageError(QStringLiteral("--handle needs HANDLE:OFFSET:SIZE, got %1").arg(value));
-            request.addHandle(spec->handle, spec->offset, spec->size, quint32(alignment), quint32(padding));
-            total += quint64(spec->size) + padding;
+            request.addHandle(entry->handle, entry->offset, entry->size, quint32(alignment), quint32(padding));
+            total += quint64(entry->size) + padding;
             continue;
         } else {
             continue;

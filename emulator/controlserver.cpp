@@ -367,7 +367,7 @@ std::string ControlServer::statusText()
     std::string text;
     auto line = [&](const char *key, const std::string &value) {
         char head[32];
-        snprintf(head, sizeof head, "%-12s", key);
+        snprintf(head, sizeof head, "%-14s", key);
         text += head + value + "\n";
     };
     line("emulator:", info_.name + " (init pid " + std::to_string(info_.initPid) + ")");

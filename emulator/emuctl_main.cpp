@@ -228,7 +228,10 @@ int execInside(Client &client, const std::vector<std::string> &command)
     while (waitpid(gChild, &status, 0) < 0)
         if (errno != EINTR)
             return fail(kExecFailed, "waitpid() failed: %s", strerror(errno));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    // This process now creates its children in the emulator's pid namespace; exit handlers
+    // that start helper threads (LeakSanitizer's, in sanitizer builds) would hang there.
+    fflush(stdout);
+    _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
 
 } // namespace

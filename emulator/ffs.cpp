@@ -762,8 +762,10 @@ void FunctionFs::serviceEpLocked(Ep &ep)
 void FunctionFs::setEnabledLocked(bool enabled)
 {
     if (enabled) {
+        // A repeated ENABLE leaves transfers in progress alone.
+        if (!enabled_)
+            ++enableGeneration_;
         enabled_ = true;
-        ++enableGeneration_;
         for (Ep &ep : eps_)
             serviceEpLocked(ep);
         return;
@@ -909,6 +911,8 @@ void FunctionFs::unplug()
     Lock lock(mutex_);
     if (state_ == State::Ready && events_.size() < kMaxQueuedEvents)
         queueEventLocked(kEventDisable, nullptr);
+    else if (state_ == State::Ready)
+        logLine("event queue full: DISABLE dropped");
     setEnabledLocked(false);
 }
 

@@ -81,14 +81,15 @@ class Client {
 public:
     explicit Client(std::string name) : name_(std::move(name)) {}
 
-    int connect()
+    int connect(bool quiet = false)
     {
         sock_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         sockaddr_un addr;
         const socklen_t len = controlAddress(name_, addr);
         if (!sock_ || ::connect(sock_.get(), reinterpret_cast<sockaddr *>(&addr), len) < 0) {
             if (errno == ECONNREFUSED || errno == ENOENT)
-                return fail(kNotRunning, "no emulator named %s is running", name_.c_str());
+                return quiet ? kNotRunning
+                             : fail(kNotRunning, "no emulator named %s is running", name_.c_str());
             return fail(kIoError, "cannot reach emulator %s: %s", name_.c_str(), strerror(errno));
         }
         return kOk;
@@ -276,6 +277,11 @@ int main(int argc, char **argv)
         return fail(kUsage, "unknown command %s (see --help)", cmd.c_str());
 
     Client client(name);
+    if (cmd == "wait-ready") {
+        // An emulator started in the background a moment ago may not listen yet.
+        for (int tries = 0; tries < 100 && client.connect(true) == kNotRunning; ++tries)
+            usleep(50 * 1000);
+    }
     if (const int code = client.connect(); code != kOk)
         return code;
 

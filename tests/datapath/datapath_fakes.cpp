@@ -1,9 +1,6 @@
 #include "datapath_fakes.h"
 
-#include <algorithm>
 #include <chrono>
-
-#include <ostr/Bus.h>
 
 namespace {
 
@@ -17,17 +14,12 @@ void captureMessage(QtMsgType, const QMessageLogContext &context, const QString 
     logMessages.append(category == QLatin1String("default") ? message : category + ": " + message);
 }
 
-std::mutex busMutex;
-std::vector<QDBusMessage> busMessages;
-
 } // namespace
 
 LogCapture::LogCapture()
 {
-    {
-        std::lock_guard<std::mutex> guard(logMutex);
-        logMessages.clear();
-    }
+    std::lock_guard<std::mutex> guard(logMutex);
+    logMessages.clear();
     previous_ = qInstallMessageHandler(captureMessage);
 }
 
@@ -44,112 +36,44 @@ QStringList LogCapture::messages() const
 
 bool LogCapture::contains(const QString &text) const
 {
-    return count(text) > 0;
+    return !messages().filter(text).isEmpty();
 }
 
-int LogCapture::count(const QString &text) const
-{
-    std::lock_guard<std::mutex> guard(logMutex);
-    int n = 0;
-    for (const QString &message : qAsConst(logMessages))
-        n += message.contains(text) ? 1 : 0;
-    return n;
-}
-
-TestBuffer::TestBuffer(const QByteArray &data, quint32 padding, quint32 physicalAddress,
-                       quint32 offset)
-    : UsbDBuffer(nullptr),
-      data_(data),
-      padding_(padding),
-      physicalAddress_(physicalAddress),
-      offset_(offset)
-{
-}
-
-TestBuffer::~TestBuffer()
-{
-    if (onDelete)
-        onDelete();
-}
-
-void Recorder::completed(int id, bool success)
+void Recorder::completed(int id, bool ok)
 {
     std::lock_guard<std::mutex> guard(mutex_);
-    completionOrder_.push_back(id);
-    completions_.emplace_back(id, success);
-    changed_.notify_all();
+    outcomes_[id] = ok ? Succeeded : Failed;
+    order_.push_back(id);
 }
 
 void Recorder::deleted(int id)
 {
     std::lock_guard<std::mutex> guard(mutex_);
-    deleted_.push_back(id);
+    deleted_.insert(id);
     changed_.notify_all();
 }
 
-bool Recorder::waitDeleted(int count)
+bool Recorder::waitDeleted(size_t count)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(10),
-                             [&] { return int(deleted_.size()) >= count; });
-}
-
-std::vector<int> Recorder::completionOrder() const
-{
-    std::lock_guard<std::mutex> guard(mutex_);
-    return completionOrder_;
+    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return deleted_.size() >= count; });
 }
 
 Recorder::Outcome Recorder::outcome(int id) const
 {
     std::lock_guard<std::mutex> guard(mutex_);
-    for (const auto &completion : completions_) {
-        if (completion.first == id)
-            return completion.second ? Succeeded : Failed;
-    }
-    return None;
-}
-
-int Recorder::completions(int id) const
-{
-    std::lock_guard<std::mutex> guard(mutex_);
-    return int(std::count_if(completions_.begin(), completions_.end(),
-                             [id](const auto &completion) { return completion.first == id; }));
+    const auto it = outcomes_.find(id);
+    return it == outcomes_.end() ? None : it->second;
 }
 
 bool Recorder::wasDeleted(int id) const
 {
     std::lock_guard<std::mutex> guard(mutex_);
-    return std::find(deleted_.begin(), deleted_.end(), id) != deleted_.end();
+    return deleted_.count(id) != 0;
 }
 
-TestList::TestList(int id, Recorder *recorder, const QList<UsbDBuffer *> &buffers)
-    : UsbDBufferList(buffers, nullptr), id_(id), recorder_(recorder)
+std::vector<int> Recorder::order() const
 {
-}
-
-TestList::~TestList()
-{
-    recorder_->deleted(id_);
-}
-
-// The request lists answer D-Bus callers through the platform bus; the tests look at what
-// would have gone out instead of needing a bus.
-bool Bus::send(const QDBusMessage &message)
-{
-    std::lock_guard<std::mutex> guard(busMutex);
-    busMessages.push_back(message);
-    return true;
-}
-
-std::vector<QDBusMessage> sentBusMessages()
-{
-    std::lock_guard<std::mutex> guard(busMutex);
-    return busMessages;
-}
-
-void clearSentBusMessages()
-{
-    std::lock_guard<std::mutex> guard(busMutex);
-    busMessages.clear();
+    std::lock_guard<std::mutex> guard(mutex_);
+    return order_;
 }

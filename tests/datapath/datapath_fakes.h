@@ -1,106 +1,77 @@
 #pragma once
 
-// Stand-ins used by the data path's tests: a log capture, a scriptable buffer, a request list
-// that records its completion, and the bus the D-Bus request lists reply on.
+// Stand-ins for the data path's tests: a log capture, a buffer with a chosen physical address,
+// and a request list that records what happened to it.
 
 #include <condition_variable>
-#include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
-#include <vector>
+#include <set>
 
-#include <QByteArray>
-#include <QDBusMessage>
-#include <QList>
-#include <QString>
 #include <QStringList>
 
 #include "usbdbuffer.h"
 #include "usbdbufferlist.h"
 
-// Collects every Qt log message for as long as it lives.
+// Collects every Qt log message ("category: text", plain text for the default category).
 class LogCapture {
 public:
     LogCapture();
     ~LogCapture();
-
     QStringList messages() const;
     bool contains(const QString &text) const;
-    int count(const QString &text) const;
 
 private:
     QtMessageHandler previous_;
 };
 
-// A buffer whose answers are set by the test; can report its deletion.
-class TestBuffer : public UsbDBuffer {
+// Memory that claims to have a physical address: region starts at `physical`.
+class PhysicalBuffer : public UsbDBufferMem {
     Q_OBJECT
 public:
-    TestBuffer(const QByteArray &data, quint32 padding = 0, quint32 physicalAddress = 0,
-               quint32 offset = 0);
-    ~TestBuffer() override;
-
-    quint32 offset() override { return offset_; }
-    quint32 size() override { return quint32(data_.size()) - offset_; }
-    quint32 elementAlignment() override { return 0; }
-    quint32 elementPadding() override { return padding_; }
-    bool map() override { ++mapCalls; return mapResult; }
-    const uchar *virtualAddress() override
+    PhysicalBuffer(const QByteArray &region, quint32 offset, quint32 padding, quint32 physical)
+        : UsbDBufferMem(region, offset, quint32(region.size()) - offset, 0, padding, 0, nullptr),
+          physical_(physical)
     {
-        return reinterpret_cast<const uchar *>(data_.constData());
     }
-    quint32 physicalAddress() override { return physicalAddress_; }
-    quint16 sessionId() override { return 0; }
-
-    bool mapResult = true;
-    int mapCalls = 0;
-    std::function<void()> onDelete;
+    quint32 physicalAddress() override { return physical_; }
 
 private:
-    QByteArray data_;
-    quint32 padding_;
-    quint32 physicalAddress_;
-    quint32 offset_;
+    quint32 physical_;
 };
 
-// What happened to the TestLists of one test.
+// Outcomes and deletions of TestLists, by id, across threads.
 class Recorder {
 public:
     enum Outcome { None, Succeeded, Failed };
-
-    void completed(int id, bool success);
+    void completed(int id, bool ok);
     void deleted(int id);
-    // Waits until `count` lists have been deleted; false after a 10 s time-out.
-    bool waitDeleted(int count);
-
-    std::vector<int> completionOrder() const;
+    bool waitDeleted(size_t count); // false after 10 s
     Outcome outcome(int id) const;
-    int completions(int id) const;
     bool wasDeleted(int id) const;
+    std::vector<int> order() const;
 
 private:
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<int> completionOrder_;
-    std::vector<std::pair<int, bool>> completions_;
-    std::vector<int> deleted_;
+    std::map<int, Outcome> outcomes_;
+    std::vector<int> order_;
+    std::set<int> deleted_;
 };
 
 class TestList : public UsbDBufferList {
     Q_OBJECT
 public:
-    TestList(int id, Recorder *recorder, const QList<UsbDBuffer *> &buffers = {});
-    ~TestList() override;
-
+    TestList(int id, Recorder *recorder, const QList<UsbDBuffer *> &buffers = {})
+        : UsbDBufferList(buffers, nullptr), id_(id), recorder_(recorder)
+    {
+    }
+    ~TestList() override { recorder_->deleted(id_); }
     void success() override { recorder_->completed(id_, true); }
     void fail() override { recorder_->completed(id_, false); }
-    int id() const { return id_; }
 
 private:
     int id_;
     Recorder *recorder_;
 };
-
-// Every message the request lists hand to Bus::send.
-std::vector<QDBusMessage> sentBusMessages();
-void clearSentBusMessages();

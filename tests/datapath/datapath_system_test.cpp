@@ -45,33 +45,24 @@ bool writeFile(const QString &path, const QByteArray &content)
     return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
-// The emulator's view of one endpoint ("ep1", "ep3"), from `usbd-emuctl status --json`.
-QJsonObject endpointStatus(const char *file)
-{
-    const char *name = std::getenv("USBD_EMU_NAME");
-    const char *tool = std::getenv("USBD_EMUCTL");
-    if (name == nullptr || tool == nullptr)
-        return {};
-    const std::string command = std::string(tool) + " --name " + name + " status --json";
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr)
-        return {};
-    QByteArray output;
-    char chunk[4096];
-    for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        output.append(chunk, int(n));
-    pclose(pipe);
-    const QJsonArray endpoints = QJsonDocument::fromJson(output).object().value("endpoints").toArray();
-    for (const QJsonValue &endpoint : endpoints) {
-        if (endpoint.toObject().value("file").toString() == QLatin1String(file))
-            return endpoint.toObject();
-    }
-    return {};
-}
-
+// A counter of one endpoint ("ep1", "ep3") from `usbd-emuctl status --json`; -1 if unknown.
 int counter(const char *file, const char *key)
 {
-    return endpointStatus(file).value(QLatin1String(key)).toInt(-1);
+    const std::string command = std::string(std::getenv("USBD_EMUCTL")) + " --name "
+                                + std::getenv("USBD_EMU_NAME") + " status --json";
+    FILE *pipe = popen(command.c_str(), "r");
+    QByteArray output;
+    char chunk[4096];
+    for (size_t n; pipe && (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+        output.append(chunk, int(n));
+    if (pipe)
+        pclose(pipe);
+    for (const QJsonValue &endpoint :
+         QJsonDocument::fromJson(output).object().value("endpoints").toArray()) {
+        if (endpoint.toObject().value("file").toString() == QLatin1String(file))
+            return endpoint.toObject().value(QLatin1String(key)).toInt(-1);
+    }
+    return -1;
 }
 
 class DataPathSystem : public ::testing::Test {
@@ -82,11 +73,7 @@ protected:
         ASSERT_TRUE(usbdtest::bringUpFunction(&function_, &why)) << why;
         ASSERT_TRUE(usbdtest::emuctl(std::string("capture ") + kCapture));
         ASSERT_TRUE(usbdtest::emuctl("plug"));
-    }
-
-    // The daemon's transfer queue over the real endpoint, with its worker running.
-    void startQueue()
-    {
+        // The daemon's transfer queue over the real endpoint, with its worker running.
         queue_ = std::make_unique<UsbDataIn>(
             QList<Conn *>{new USBConn(function_.ep3.get(), true, nullptr)});
         worker_ = std::thread([this] { queue_->process(); });
@@ -113,76 +100,50 @@ protected:
 
 TEST_F(DataPathSystem, RequestsReachTheHostByteForByteInLimitedCalls)
 {
-    startQueue();
-    const QByteArray big = pattern(20 * kMiB, 1);
-    const QByteArray fileContent = pattern(kMiB + 3, 2);
+    const QByteArray content = pattern(kMiB + 3, 2);
     const QString path = QStringLiteral("/tmp/source.bin");
-    ASSERT_TRUE(writeFile(path, fileContent));
+    ASSERT_TRUE(writeFile(path, content));
+    QByteArray expected;
+    // `count` buffers of `size` bytes and `padding`, added to `expected` when they should arrive.
+    auto buffers = [&expected](int count, int size, quint32 padding, bool arrives) {
+        QList<UsbDBuffer *> list;
+        for (int i = 0; i < count; ++i) {
+            const QByteArray piece = pattern(size, i);
+            list.append(memory(piece, padding));
+            expected += arrives ? piece + QByteArray(int(padding), '\0') : QByteArray();
+        }
+        return list;
+    };
 
-    // No link yet: refused without a write.
-    queue_->send_data(new TestList(0, &recorder_, {memory("early")}));
+    queue_->send_data(new TestList(0, &recorder_, buffers(1, 5, 0, false))); // no link yet
     ASSERT_TRUE(recorder_.waitDeleted(1));
     queue_->setLinkType(OstrTypes::LinkTypeUsb);
-
-    QByteArray expected;
-    queue_->send_data(new TestList(1, &recorder_,
-                                   {memory(big),
-                                    new UsbDBufferPath(path, 100, 700000, 0, 12, 0, nullptr),
-                                    memory("tail", 3)}));
-    expected += big + fileContent.mid(100, 700000) + QByteArray(12, '\0') + "tail"
-                + QByteArray(3, '\0');
-
-    QList<UsbDBuffer *> thirtyTwo;
-    for (int i = 0; i < 32; ++i) {
-        const QByteArray piece = pattern(1000, 10 + i);
-        thirtyTwo.append(memory(piece));
-        expected += piece;
-    }
-    queue_->send_data(new TestList(2, &recorder_, thirtyTwo));
-
-    QList<UsbDBuffer *> thirtyThree;
-    for (int i = 0; i < 33; ++i)
-        thirtyThree.append(memory(pattern(10, i)));
-    queue_->send_data(new TestList(3, &recorder_, thirtyThree));
-
-    QList<UsbDBuffer *> seventeenPadded;
-    for (int i = 0; i < 17; ++i)
-        seventeenPadded.append(memory(pattern(10, i), 1));
-    queue_->send_data(new TestList(4, &recorder_, seventeenPadded));
-
-    QList<UsbDBuffer *> sixteenPadded;
-    for (int i = 0; i < 16; ++i) {
-        const QByteArray piece = pattern(300, 50 + i);
-        sixteenPadded.append(memory(piece, quint32(i + 1)));
-        expected += piece + QByteArray(i + 1, '\0');
-    }
-    queue_->send_data(new TestList(5, &recorder_, sixteenPadded));
-
-    // A file range past the file's end is refused before anything of the request goes out.
-    queue_->send_data(new TestList(6, &recorder_,
-                                   {memory("never"),
-                                    new UsbDBufferPath(path, kMiB, 4, 0, 0, 0, nullptr)}));
+    const QList<UsbDBuffer *> mixed = buffers(1, 20 * kMiB, 0, true)
+                                      << new UsbDBufferPath(path, 100, 700000, 0, 12, 0, nullptr);
+    expected += content.mid(100, 700000) + QByteArray(12, '\0');
+    queue_->send_data(new TestList(1, &recorder_, mixed + buffers(1, 4, 3, true)));
+    queue_->send_data(new TestList(2, &recorder_, buffers(32, 1000, 0, true)));
+    queue_->send_data(new TestList(3, &recorder_, buffers(33, 10, 0, false)));
+    queue_->send_data(new TestList(4, &recorder_, buffers(17, 10, 1, false)));
+    queue_->send_data(new TestList(5, &recorder_, buffers(16, 300, 7, true)));
+    // A file range past the file's end fails the request before any of it goes out.
+    queue_->send_data(new TestList(6, &recorder_, buffers(1, 5, 0, false)
+                                   << new UsbDBufferPath(path, kMiB, 4, 0, 0, 0, nullptr)));
 
     ASSERT_TRUE(recorder_.waitDeleted(7));
-    EXPECT_EQ(recorder_.outcome(0), Recorder::Failed);
-    EXPECT_EQ(recorder_.outcome(1), Recorder::Succeeded);
-    EXPECT_EQ(recorder_.outcome(2), Recorder::Succeeded);
-    EXPECT_EQ(recorder_.outcome(3), Recorder::Failed);
-    EXPECT_EQ(recorder_.outcome(4), Recorder::Failed);
-    EXPECT_EQ(recorder_.outcome(5), Recorder::Succeeded);
-    EXPECT_EQ(recorder_.outcome(6), Recorder::Failed);
-
+    for (int id = 0; id < 7; ++id) {
+        const bool sent = id == 1 || id == 2 || id == 5;
+        EXPECT_EQ(recorder_.outcome(id), sent ? Recorder::Succeeded : Recorder::Failed) << id;
+    }
     const QByteArray captured = readFile(kCapture);
     EXPECT_EQ(captured.size(), expected.size());
     EXPECT_TRUE(captured == expected);
-    // 20 MiB and the rest of request 1 in calls of 8, 8 and 4 MiB + rest; one call for each of
-    // the 32- and 16-buffer requests.
+    // Request 1 in calls of 8, 8 and 4 MiB + the rest; one call each for requests 2 and 5.
     EXPECT_EQ(counter("ep3", "writes"), 5);
 }
 
 TEST_F(DataPathSystem, ShortWriteIsContinuedAtTheFirstByteNotTaken)
 {
-    startQueue();
     queue_->setLinkType(OstrTypes::LinkTypeUsb);
     const QByteArray first = pattern(300000, 3);
     const QByteArray second = pattern(100, 4);
@@ -196,7 +157,6 @@ TEST_F(DataPathSystem, ShortWriteIsContinuedAtTheFirstByteNotTaken)
 
 TEST_F(DataPathSystem, StalledHostLinkChangeAndInterrupt)
 {
-    startQueue();
     queue_->setLinkType(OstrTypes::LinkTypeUsb);
     ASSERT_TRUE(usbdtest::emuctl("stall"));
     LogCapture log;

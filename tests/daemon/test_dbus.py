@@ -67,6 +67,17 @@ def file_map(path, offset=0, size=0, alignment=0, padding=0, session=0, drop=())
     return dbus.Dictionary(entry, signature="sv")
 
 
+def shm_map(handle, size, padding=0, physical=True, session=0):
+    return dbus.Dictionary({
+        "handle": dbus.UInt64(handle),
+        "size": dbus.Int64(size),
+        "element_alignment": dbus.Int32(0),
+        "element_padding": dbus.Int32(padding),
+        "use_physical_address": dbus.Boolean(physical),
+        "session_id": dbus.UInt16(session),
+    }, signature="sv")
+
+
 def file_list(*maps):
     return dbus.Array(maps, signature="a{sv}")
 
@@ -226,6 +237,37 @@ class UsbdOverDBus(DaemonTestCase):
         self.assertIsNone(Call(self.usbd.send_data, dbus.ByteArray(b"next"), dbus.Byte(4)).wait().error)
         wait_for(lambda: self.emu.capture().endswith(b"next"), what="the capture")
         self.assertEqual(self.emu.capture(), b"secondnext")
+
+    def test_shared_memory_by_physical_address(self):
+        size = 20 * 1024 * 1024
+        handle, phys, data, free = self.emu.hold_shm(size, seed="twenty")
+        self.assertNotEqual(phys, 0)
+        self.plug()
+        shm = self.usbd.send_shm_data
+
+        # One buffer larger than a call: 8 + 8 + 4 MiB, each by its physical address.
+        self.assertIsNone(Call(shm, dbus.Array([shm_map(handle, size)], signature="a{sv}")).wait().error)
+        ep3 = self.emu.endpoint("ep3")
+        self.assertEqual((ep3["ioctls"], ep3["ioctl_bytes"], ep3["writes"]), (3, size, 0))
+
+        # With padding the last piece shares its call with the zeros: two ioctls, then one writev.
+        self.assertIsNone(Call(shm, dbus.Array([shm_map(handle, size, padding=100)],
+                                               signature="a{sv}")).wait().error)
+        ep3 = self.emu.endpoint("ep3")
+        self.assertEqual((ep3["ioctls"], ep3["writes"]), (5, 1))
+        self.emu.wait_log("phys_buffers: 2 (16384kb)")
+
+        wait_for(lambda: len(self.emu.capture()) == 2 * size + 100, what="the capture")
+        self.assertTrue(self.emu.capture() == data + data + bytes(100))
+
+        # Memory that is gone, or a range past the allocation, fails before anything is sent.
+        for entry in (shm_map(handle, size + 1), shm_map(handle ^ 0x1000, 16)):
+            call = Call(shm, dbus.Array([entry], signature="a{sv}")).wait()
+            self.assertEqual(call.error_name, FAILED)
+        free()
+        call = Call(shm, dbus.Array([shm_map(handle, 16)], signature="a{sv}")).wait()
+        self.assertEqual(call.error_name, FAILED)
+        self.assertEqual(len(self.emu.capture()), 2 * size + 100)
 
     def test_open_file_receives_from_the_host(self):
         self.plug()

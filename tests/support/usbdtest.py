@@ -10,6 +10,7 @@ import os
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -18,6 +19,8 @@ BUILD_DIR = os.environ.get("USBD_BUILD_DIR", os.path.join(os.path.dirname(__file
 USBD = os.environ.get("USBD_BIN", os.path.join(BUILD_DIR, "usbd"))
 EMU = os.environ.get("USBD_EMU_BIN", os.path.join(BUILD_DIR, "usbd-emu"))
 EMUCTL = os.environ.get("USBD_EMUCTL_BIN", os.path.join(BUILD_DIR, "usbd-emuctl"))
+HAL_LIB = os.environ.get("USBD_HAL_LIB", os.path.join(BUILD_DIR, "platform", "hal", "libarvohal.so"))
+SHM_HOLDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "shm_holder.py")
 
 SERVICE = "com.korvane.usbd"
 OBJECT_PATH = "/com/korvane/usbd"
@@ -60,6 +63,7 @@ class Emulator:
                                         stdin=subprocess.DEVNULL, env=run_env)
         self._bus = None
         self._init_pid = None
+        self._holders = []
 
     # --- control -------------------------------------------------------------------------
     def ctl(self, *args, check=True, input=None, timeout=20):
@@ -147,8 +151,31 @@ class Emulator:
                 return None
         return wait_for(attempt, timeout, what="the request socket")
 
+    def hold_shm(self, size, seed="shm"):
+        """Shared memory of `size` bytes held by a process inside the namespace.
+
+        Returns (share handle, physical address, the bytes, a function that frees it)."""
+        holder = subprocess.Popen([EMUCTL, "--name", self.name, "exec", "--", "/usr/bin/python3",
+                                   SHM_HOLDER, HAL_LIB, str(size), seed],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        line = holder.stdout.readline().split()
+        if len(line) != 2:
+            holder.kill()
+            raise AssertionError(f"shm holder failed: {holder.wait()}")
+        sys.path.insert(0, os.path.dirname(SHM_HOLDER))
+        from shm_holder import pattern
+
+        def free():
+            if holder.poll() is None:
+                holder.stdin.close()
+                holder.wait(timeout=10)
+        self._holders.append(free)
+        return int(line[0]), int(line[1]), pattern(size, seed), free
+
     # --- teardown ------------------------------------------------------------------------
     def stop(self):
+        for free in self._holders:
+            free()
         if self._bus is not None:
             try:
                 self._bus.close()

@@ -391,6 +391,9 @@ std::string ControlServer::statusText()
             std::string value = desc;
             if (e.desc.isIn()) {
                 value += std::to_string(e.bytes) + " bytes in " + std::to_string(e.writes) + " writes";
+                if (e.ioctls)
+                    value += " and " + std::to_string(e.ioctls) + " ioctls (" +
+                             std::to_string(e.ioctlBytes) + " bytes)";
                 if (e.stalled)
                     value += ", stalled";
                 if (e.shortNext >= 0)
@@ -453,6 +456,8 @@ std::string ControlServer::statusJson()
              "\",\"max_packet\":[" + std::to_string(e.desc.maxPacket[0]) + "," +
              std::to_string(e.desc.maxPacket[1]) + "," + std::to_string(e.desc.maxPacket[2]) +
              "],\"bytes\":" + std::to_string(e.bytes) + ",\"writes\":" + std::to_string(e.writes) +
+             ",\"ioctls\":" + std::to_string(e.ioctls) +
+             ",\"ioctl_bytes\":" + std::to_string(e.ioctlBytes) +
              ",\"reads\":" + std::to_string(e.reads) + ",\"waiting\":" + std::to_string(e.held) +
              ",\"stalled\":" + boolText(e.stalled) + ",\"short\":" +
              (e.shortNext >= 0 ? std::to_string(e.shortNext) : "null") +

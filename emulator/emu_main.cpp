@@ -255,7 +255,7 @@ int main(int argc, char **argv)
     if (!server.listen(options.name))
         return kSetupFailed;
 
-    if (!enterSandbox() || !host.create(options.udc))
+    if (!enterSandbox(options.command[0]) || !host.create(options.udc))
         return kSetupFailed;
     const std::string busConfigPath = std::string(kPrivateRunDir) + "/dbus.conf";
     if (options.dbus) {

@@ -2,14 +2,19 @@
 
 #include "log.h"
 
+#include <arvo_hal.h>
+#include <arvo_hal_sim.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 namespace usbdemu {
@@ -32,7 +37,8 @@ struct OpenReply {
     uint32_t padding;
 };
 
-// The FunctionFS endpoint request that hands the driver a physical address; not emulated yet.
+// The platform driver's endpoint request that hands it a physical address to send from
+// (_IO('g', 6)); the argument points to {u32 address, u32 length}, little-endian.
 constexpr unsigned kPhysTransferIoctl = 0x6706;
 
 // What the kernel answers for a file without its own poll.
@@ -500,7 +506,7 @@ void FunctionFs::ep0Write(fuse_req_t req, const uint8_t *data, size_t size, off_
                     (layout_.flags & kHasSsDesc) ? " super-speed" : "", layout_.endpoints.size());
             state_ = State::WaitStrings;
         } else {
-            eps_.assign(layout_.endpoints.size(), Ep());
+            eps_ = std::vector<Ep>(layout_.endpoints.size());
             for (size_t i = 0; i < eps_.size(); ++i)
                 eps_[i].desc = layout_.endpoints[i];
             state_ = State::Ready;
@@ -600,7 +606,7 @@ void FunctionFs::ep0Read(fuse_req_t req, size_t size, fuse_file_info *fi)
     } else if (fi->flags & O_NONBLOCK) {
         error = EAGAIN;
     } else {
-        hold(lock, eventReaders_, Held{req, false, size, 0, false, {}});
+        hold(lock, eventReaders_, Held{req, false, size, 0, false, {}, {}, 0});
         return;
     }
     lock.unlock();
@@ -658,15 +664,59 @@ FunctionFs::Ep *FunctionFs::epForFileLocked(const std::string &file, std::string
     return nullptr;
 }
 
+std::string FunctionFs::fileOfLocked(const Ep &ep) const
+{
+    return "ep" + std::to_string(size_t(&ep - eps_.data()) + 1);
+}
+
+bool FunctionFs::isCaptureEpLocked(const Ep &ep) const
+{
+    for (const Ep &e : eps_)
+        if (e.desc.isIn())
+            return &e == &ep;
+    return false;
+}
+
+void FunctionFs::beginCallLocked(Ep &ep)
+{
+    ep.syscallGeneration = enableGeneration_;
+    ep.budget = ep.shortNext;
+    ep.shortNext = -1;
+}
+
+size_t FunctionFs::budgetLocked(Ep &ep, size_t size)
+{
+    if (ep.budget < 0)
+        return size;
+    const size_t n = std::min(size, size_t(ep.budget));
+    ep.budget -= long(n);
+    return n;
+}
+
+void FunctionFs::captureLocked(const uint8_t *data, size_t size)
+{
+    size_t done = 0;
+    while (capture_ && done < size) {
+        const ssize_t w = write(capture_.get(), data + done, size - done);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0) {
+            if (!captureFailed_)
+                logLine("capture write failed: %s; later bytes are only counted", strerror(errno));
+            captureFailed_ = true;
+            capture_.reset();
+            break;
+        }
+        done += size_t(w);
+    }
+}
+
 bool FunctionFs::acceptWriteLocked(Ep &ep, fuse_req_t req, const uint8_t *data, size_t size,
                                    off_t off)
 {
-    const size_t index = size_t(&ep - eps_.data());
-    const std::string file = "ep" + std::to_string(index + 1);
+    const std::string file = fileOfLocked(ep);
     if (off == 0) {
-        ep.syscallGeneration = enableGeneration_;
-        ep.budget = ep.shortNext;
-        ep.shortNext = -1;
+        beginCallLocked(ep);
         ++ep.writes;
         ++totals_[file].writes;
     } else if (ep.syscallGeneration != enableGeneration_) {
@@ -674,34 +724,9 @@ bool FunctionFs::acceptWriteLocked(Ep &ep, fuse_req_t req, const uint8_t *data, 
         fuse_reply_err(req, ESHUTDOWN);
         return false;
     }
-    size_t n = size;
-    if (ep.budget >= 0) {
-        n = std::min(size, size_t(ep.budget));
-        ep.budget -= long(n);
-    }
-    const bool captureEp = [&] {
-        for (const Ep &e : eps_)
-            if (e.desc.isIn())
-                return &e == &ep;
-        return false;
-    }();
-    if (captureEp && capture_ && n) {
-        size_t done = 0;
-        while (done < n) {
-            const ssize_t w = write(capture_.get(), data + done, n - done);
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w <= 0) {
-                if (!captureFailed_)
-                    logLine("capture write failed: %s; later bytes are only counted",
-                            strerror(errno));
-                captureFailed_ = true;
-                capture_.reset();
-                break;
-            }
-            done += size_t(w);
-        }
-    }
+    const size_t n = budgetLocked(ep, size);
+    if (isCaptureEpLocked(ep))
+        captureLocked(data, n);
     ep.bytes += n;
     totals_[file].bytes += n;
     if (n != size)
@@ -710,6 +735,43 @@ bool FunctionFs::acceptWriteLocked(Ep &ep, fuse_req_t req, const uint8_t *data, 
         logVerbose("%s: %zu bytes at offset %lld", file.c_str(), n, static_cast<long long>(off));
     fuse_reply_write(req, n);
     return true;
+}
+
+void FunctionFs::acceptPhysLocked(Ep &ep, Held &held)
+{
+    const std::string file = fileOfLocked(ep);
+    beginCallLocked(ep);
+    // ioctl() reports the count as an int.
+    const size_t n = std::min<size_t>(budgetLocked(ep, held.size), INT_MAX);
+    if (isCaptureEpLocked(ep) && capture_) {
+        std::vector<uint8_t> chunk(std::min(n, kMaxRequestBytes));
+        for (size_t done = 0; done < n;) {
+            const size_t part = std::min(chunk.size(), n - done);
+            const ssize_t got =
+                pread(held.memory.get(), chunk.data(), part, off_t(held.memoryOffset + done));
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0) {
+                // The memory shrank under the transfer; nothing the driver could have read.
+                logLine("%s: physical-address transfer: memory unreadable at byte %zu", file.c_str(), done);
+                fuse_reply_err(held.req, EFAULT);
+                return;
+            }
+            captureLocked(chunk.data(), size_t(got));
+            done += size_t(got);
+        }
+    }
+    ++ep.ioctls;
+    ep.ioctlBytes += n;
+    ep.bytes += n;
+    ++totals_[file].ioctls;
+    totals_[file].bytes += n;
+    if (n != held.size)
+        logLine("%s: short physical-address transfer, %zu of %zu bytes accepted", file.c_str(), n,
+                held.size);
+    else
+        logVerbose("%s: %zu bytes by physical address", file.c_str(), n);
+    fuse_reply_ioctl(held.req, int(n), nullptr, 0);
 }
 
 bool FunctionFs::outReadyLocked(const Ep &ep) const { return !ep.outQueue.empty(); }
@@ -743,7 +805,10 @@ void FunctionFs::serviceEpLocked(Ep &ep)
         } else if (h.write) {
             if (ep.stalled)
                 return;
-            acceptWriteLocked(ep, h.req, h.data.data(), h.data.size(), h.off);
+            if (h.memory)
+                acceptPhysLocked(ep, h);
+            else
+                acceptWriteLocked(ep, h.req, h.data.data(), h.data.size(), h.off);
         } else {
             if (!outReadyLocked(ep))
                 return;
@@ -817,7 +882,7 @@ void FunctionFs::opWrite(fuse_req_t req, fuse_ino_t ino, const char *buf, size_t
     }
     logVerbose("ep%zu: write of %zu bytes held (%s)", size_t(ino - kEp0Ino), size,
                enabled_ ? "stalled" : "function not enabled");
-    hold(lock, ep->held, Held{req, true, size, off, enabled_, std::vector<uint8_t>(data, data + size)});
+    hold(lock, ep->held, Held{req, true, size, off, enabled_, std::vector<uint8_t>(data, data + size), {}, 0});
 }
 
 void FunctionFs::opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
@@ -851,20 +916,61 @@ void FunctionFs::opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
         return;
     }
     if (enabled_ && ep->held.empty() && outReadyLocked(*ep)) {
-        ep->held.push_back(Held{req, false, size, off, true, {}});
+        ep->held.push_back(Held{req, false, size, off, true, {}, {}, 0});
         serviceEpLocked(*ep);
         return;
     }
-    hold(lock, ep->held, Held{req, false, size, off, enabled_, {}});
+    hold(lock, ep->held, Held{req, false, size, off, enabled_, {}, {}, 0});
 }
 
-int FunctionFs::physTransfer(fuse_req_t, void *)
+void FunctionFs::physTransfer(fuse_req_t req, fuse_ino_t ino, void *arg)
 {
-    // To be done: read the caller's {u32 physical address, u32 length} record with
-    // process_vm_readv (fuse_req_ctx()->pid is the calling thread) and resolve the address
-    // through the HAL stand-in. Until then the driver extension is absent, as on a kernel
-    // without it.
-    return -ENOTTY;
+    fuse_req_interrupt_func(req, interruptTrampoline, this);
+    // The record lives in the caller's memory: the request carries only its address.
+    const pid_t tid = fuse_req_ctx(req)->pid;
+    uint8_t record[8];
+    iovec local{record, sizeof record};
+    iovec remote{arg, sizeof record};
+    if (process_vm_readv(tid, &local, 1, &remote, 1, 0) != ssize_t(sizeof record)) {
+        logLine("ep%zu: physical-address transfer: cannot read the caller's record: %s",
+                size_t(ino - kEp0Ino), strerror(errno));
+        fuse_reply_err(req, EFAULT);
+        return;
+    }
+    const uint32_t phys = uint32_t(record[0]) | uint32_t(record[1]) << 8 |
+                          uint32_t(record[2]) << 16 | uint32_t(record[3]) << 24;
+    const uint32_t length = uint32_t(record[4]) | uint32_t(record[5]) << 8 |
+                            uint32_t(record[6]) << 16 | uint32_t(record[7]) << 24;
+    // The caller's own HAL memory is all a physical address can name here, as on the device
+    // only memory the process holds is pinned for it.
+    int fd = -1;
+    uint64_t offset = 0;
+    const int resolved = arvo_sim_resolve_phys(tid, phys, length, &fd, &offset);
+    usbd::UniqueFd memory(fd);
+    if (resolved != ARVO_HAL_OK) {
+        logLine("ep%zu: physical-address transfer of %u bytes at 0x%08x: %s", size_t(ino - kEp0Ino),
+                length, phys,
+                resolved == ARVO_HAL_ERR_NOT_FOUND ? "no memory of the caller there"
+                                                   : "the range runs past the memory's end");
+        fuse_reply_err(req, EFAULT);
+        return;
+    }
+
+    Lock lock(mutex_);
+    Ep *ep = epForInodeLocked(ino);
+    if (!ep) {
+        lock.unlock();
+        fuse_reply_err(req, ENODEV);
+        return;
+    }
+    Held held{req, true, length, 0, enabled_, {}, std::move(memory), offset};
+    if (enabled_ && !ep->stalled && ep->held.empty()) {
+        acceptPhysLocked(*ep, held);
+        return;
+    }
+    logVerbose("ep%zu: physical-address transfer of %u bytes held (%s)", size_t(ino - kEp0Ino),
+               length, enabled_ ? "stalled" : "function not enabled");
+    hold(lock, ep->held, std::move(held));
 }
 
 void FunctionFs::opIoctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg,
@@ -877,11 +983,7 @@ void FunctionFs::opIoctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void 
         inEndpoint = ep && ep->desc.isIn();
     }
     if (inEndpoint && cmd == kPhysTransferIoctl) {
-        const int result = physTransfer(req, arg);
-        if (result < 0)
-            fuse_reply_err(req, -result);
-        else
-            fuse_reply_ioctl(req, result, nullptr, 0);
+        physTransfer(req, ino, arg);
         return;
     }
     fuse_reply_err(req, ENOTTY);
@@ -1024,6 +1126,8 @@ FunctionStatus FunctionFs::status()
         e.desc = ep.desc;
         e.bytes = ep.bytes;
         e.writes = ep.writes;
+        e.ioctls = ep.ioctls;
+        e.ioctlBytes = ep.ioctlBytes;
         e.reads = ep.reads;
         e.held = ep.held.size();
         e.stalled = ep.stalled;
@@ -1043,10 +1147,13 @@ void FunctionFs::logTotals()
         logLine("no data reached the host");
         return;
     }
-    for (const auto &entry : totals_)
-        logLine("%s totals: %llu bytes in %llu writes", entry.first.c_str(),
+    for (const auto &entry : totals_) {
+        const std::string ioctls =
+            entry.second.ioctls ? " and " + std::to_string(entry.second.ioctls) + " ioctls" : "";
+        logLine("%s totals: %llu bytes in %llu writes%s", entry.first.c_str(),
                 static_cast<unsigned long long>(entry.second.bytes),
-                static_cast<unsigned long long>(entry.second.writes));
+                static_cast<unsigned long long>(entry.second.writes), ioctls.c_str());
+    }
 }
 
 } // namespace usbdemu

@@ -54,6 +54,8 @@ struct EndpointStatus {
     Endpoint desc;
     uint64_t bytes = 0;  // IN: accepted from the device; OUT: delivered to the device
     uint64_t writes = 0; // IN: write system calls started (first chunks)
+    uint64_t ioctls = 0;     // IN: physical-address transfers answered with a count
+    uint64_t ioctlBytes = 0; // IN: bytes those delivered (also in `bytes`)
     uint64_t reads = 0;  // OUT: read requests answered with data
     size_t held = 0;     // requests waiting for the host (enable, stall, data)
     bool stalled = false;
@@ -127,7 +129,9 @@ private:
     };
 
     // A request that waits for the host. Writes keep a copy of their bytes because the
-    // session's buffer is reused as soon as the handler returns.
+    // session's buffer is reused as soon as the handler returns. A physical-address transfer
+    // keeps the memory instead (a descriptor of it and where its range starts) and is read when
+    // the host takes it, as a DMA would.
     struct Held {
         fuse_req_t req;
         bool write;
@@ -135,6 +139,8 @@ private:
         off_t off;
         bool inFlight; // arrived (or was released) while the function was enabled
         std::vector<uint8_t> data;
+        usbd::UniqueFd memory; // physical-address transfers only
+        uint64_t memoryOffset = 0;
     };
 
     struct Ep {
@@ -147,12 +153,12 @@ private:
         std::deque<std::vector<uint8_t>> outQueue; // an empty element is an end-of-data mark
         size_t outFront = 0;                       // bytes of outQueue.front() already read
         size_t outBytes = 0;
-        uint64_t bytes = 0, writes = 0, reads = 0;
+        uint64_t bytes = 0, writes = 0, reads = 0, ioctls = 0, ioctlBytes = 0;
     };
 
     // Lifetime counts per endpoint file, so that the summary at exit survives a function reset.
     struct Totals {
-        uint64_t bytes = 0, writes = 0;
+        uint64_t bytes = 0, writes = 0, ioctls = 0;
     };
 
     using Lock = std::unique_lock<std::mutex>;
@@ -165,6 +171,12 @@ private:
     void replyEvents(fuse_req_t req, size_t count);
     void serviceEpLocked(Ep &ep);
     bool acceptWriteLocked(Ep &ep, fuse_req_t req, const uint8_t *data, size_t size, off_t off);
+    void acceptPhysLocked(Ep &ep, Held &held);
+    void beginCallLocked(Ep &ep);
+    size_t budgetLocked(Ep &ep, size_t size);
+    bool isCaptureEpLocked(const Ep &ep) const;
+    void captureLocked(const uint8_t *data, size_t size);
+    std::string fileOfLocked(const Ep &ep) const;
     size_t takeOutLocked(Ep &ep, uint8_t *out, size_t size);
     bool outReadyLocked(const Ep &ep) const;
     Ep *epForFileLocked(const std::string &file, std::string &why);
@@ -175,7 +187,7 @@ private:
     void ep0Write(fuse_req_t req, const uint8_t *data, size_t size, off_t off);
     void ep0Read(fuse_req_t req, size_t size, fuse_file_info *fi);
     bool attachEventFdLocked(fuse_req_t req, std::string &why);
-    int physTransfer(fuse_req_t req, void *arg);
+    void physTransfer(fuse_req_t req, fuse_ino_t ino, void *arg);
 
     fuse_session *session_ = nullptr;
     std::string mountPoint_;

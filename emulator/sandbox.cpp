@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -97,6 +98,46 @@ bool coverSysDir(const std::string &dir, const std::string &name)
 bool privateSysSubdir(const std::string &path)
 {
     return makeDir(path) && doMount("tmpfs", path.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755");
+}
+
+// The first-level directory of the host's /tmp that holds `path` ("/tmp/ci" for
+// "/tmp/ci/src/build"), or "" when it lies elsewhere. The whole tree is kept, not only the
+// directory itself: a program built there finds its libraries and helpers beside it.
+std::string tmpTreeOf(const std::string &path)
+{
+    char *real = realpath(path.c_str(), nullptr);
+    if (!real)
+        return std::string();
+    const std::string resolved = real;
+    free(real);
+    const std::string prefix = "/tmp/";
+    if (resolved.compare(0, prefix.size(), prefix) != 0 || resolved.size() == prefix.size())
+        return std::string();
+    return resolved.substr(0, resolved.find('/', prefix.size()));
+}
+
+// Opens the trees of the host's /tmp that the command needs, before the private /tmp hides
+// them: the working directory's and the command's own.
+std::vector<std::pair<std::string, usbd::UniqueFd>> openTmpTrees(const std::string &command)
+{
+    std::vector<std::string> trees;
+    char cwd[PATH_MAX];
+    if (getcwd(cwd, sizeof cwd))
+        trees.push_back(tmpTreeOf(cwd));
+    if (command.find('/') != std::string::npos)
+        trees.push_back(tmpTreeOf(command));
+    std::vector<std::pair<std::string, usbd::UniqueFd>> opened;
+    for (const std::string &tree : trees) {
+        if (tree.empty() || (!opened.empty() && opened.front().first == tree))
+            continue;
+        usbd::UniqueFd fd(open(tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!fd) {
+            logLine("cannot keep %s visible inside: %s", tree.c_str(), strerror(errno));
+            continue;
+        }
+        opened.emplace_back(tree, std::move(fd));
+    }
+    return opened;
 }
 
 [[noreturn]] void execCommand(const std::vector<std::string> &command)
@@ -218,7 +259,7 @@ int exitCodeOf(int status)
 
 } // namespace
 
-bool enterSandbox()
+bool enterSandbox(const std::string &command)
 {
     if (unshare(CLONE_NEWNS) < 0) {
         logLine("cannot create a mount namespace: %s", strerror(errno));
@@ -239,11 +280,19 @@ bool enterSandbox()
             logVerbose("host has no %s: %s", path.c_str(), strerror(errno));
     }
     usbd::UniqueFd shm(open("/dev/shm", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const auto tmpTrees = openTmpTrees(command);
 
     if (!doMount("tmpfs", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") ||
         !doMount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") ||
         !makeDir(kPrivateRunDir, 0700) || !makeDir(kDbusSocketDir))
         return false;
+    // A bind of the path itself would find the new, empty /tmp; the descriptor still names the
+    // host's directory.
+    for (const auto &tree : tmpTrees) {
+        if (!makeDir(tree.first) || !bindFd(tree.second.get(), tree.first))
+            return false;
+        logVerbose("%s of the host's /tmp is visible inside", tree.first.c_str());
+    }
 
     if (!doMount("tmpfs", "/dev", "tmpfs", MS_NOSUID, "mode=0755"))
         return false;

@@ -18,8 +18,9 @@ constexpr const char kDbusAddress[] = "unix:path=/run/dbus/system_bus_socket";
 constexpr const char kDbusSocketPath[] = "/run/dbus/system_bus_socket";
 
 // Enters a new mount namespace and mounts everything the daemon and its tools expect. The
-// caller must still be single-threaded.
-bool enterSandbox();
+// caller must still be single-threaded. A tree of the host's /tmp that holds the working
+// directory or `command` (a checkout built under /tmp) stays visible at its path inside.
+bool enterSandbox(const std::string &command);
 
 struct InitOptions {
     std::vector<std::string> command;

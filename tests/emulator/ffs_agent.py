@@ -15,6 +15,7 @@ import os
 import random
 import select
 import signal
+import struct
 import sys
 import threading
 
@@ -96,8 +97,29 @@ def op_read(req):
 
 
 def op_ioctl(req):
-    record = ctypes.create_string_buffer(8)
+    # The physical-address request's record: {u32 address, u32 length}.
+    record = ctypes.create_string_buffer(struct.pack("<II", req.get("phys", 0), req.get("length", 0)), 8)
     return result(libc.ioctl(req["fd"], req["cmd"], record))
+
+
+hal_memory = []
+
+
+def op_halmem(req):
+    # HAL memory of this process, filled with a pattern; kept until the agent ends.
+    hal = ctypes.CDLL(req["lib"])
+    u32 = ctypes.c_uint32
+    device, memory, phys = u32(), u32(), u32()
+    base = ctypes.POINTER(ctypes.c_uint8)()
+    if (hal.arvo_hal_initialize(None) != 0
+            or hal.arvo_hal_device_open(b"/dev/ion", None, ctypes.byref(device)) not in (0, -1004)
+            or hal.arvo_hal_mem_alloc(device, ctypes.byref(memory), req["size"], 4096, 0, 0) != 0
+            or hal.arvo_hal_mem_map(memory, ctypes.byref(base)) != 0):
+        return {"ret": -1}
+    ctypes.memmove(base, pattern(req["size"], req.get("seed", 0)), req["size"])
+    hal.arvo_hal_mem_get_phys_addr(memory, ctypes.byref(phys))
+    hal_memory.append((hal, memory))
+    return {"ret": 0, "phys": phys.value}
 
 
 def op_epoll(req):

@@ -27,6 +27,7 @@ FFS = "/dev/usb-ffs/bulk"
 UDC = "/sys/class/udc/emu-udc.0"
 MAXPOWER = "/sys/kernel/config/usb_gadget/g1/configs/c.1/MaxPower"
 PHYS_IOCTL = 0x6706
+HAL_LIB = os.path.join(BUILD, "platform", "hal", "libarvohal.so")
 
 
 # ---- the daemon's blobs, from its tables --------------------------------------------------
@@ -352,9 +353,52 @@ class EmulatorTest(unittest.TestCase):
         st = emu.status()["endpoints"][2]
         # Interrupted and failed writes delivered nothing and do not count.
         self.assertEqual((st["bytes"], st["writes"]), (5000 + 1000 + 5000 + 1536 * 1024 + 100, 5))
-        self.assertEqual(emu.call("ioctl", fd=ep3, cmd=PHYS_IOCTL)["errno"], errno.ENOTTY)
         ep1 = emu.open(FFS + "/ep1")
-        self.assertEqual(emu.call("ioctl", fd=ep1, cmd=0x1234)["errno"], errno.ENOTTY)
+        self.assertEqual(emu.call("ioctl", fd=ep1, cmd=PHYS_IOCTL)["errno"], errno.ENOTTY)
+        self.assertEqual(emu.call("ioctl", fd=ep3, cmd=0x1234)["errno"], errno.ENOTTY)
+
+    def test_physical_address_transfers(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            capture = os.path.join(tmp, "capture")
+            emu = self.emulator("--capture", capture)
+            emu.make_ready()
+            ep3 = emu.open(FFS + "/ep3")
+            size = 3 << 20
+            mem = emu.call("halmem", lib=HAL_LIB, size=size, seed=7)
+            self.assertEqual(mem["ret"], 0, mem)
+            data, phys = random.Random(7).randbytes(size), mem["phys"]
+
+            def phys_send(address, length, **kw):
+                return emu.start("ioctl", fd=ep3, cmd=PHYS_IOCTL, phys=address, length=length, **kw)
+
+            # Before the host enables the function the request waits, as a write does.
+            first = phys_send(phys + 100, 2 << 20)
+            self.assertTrue(emu.pending(first))
+            emu.ok("plug")
+            self.assertEqual(emu.wait_reply(first)["ret"], 2 << 20)
+            emu.ok("short", "1000")
+            self.assertEqual(emu.wait_reply(phys_send(phys, 5000))["ret"], 1000)
+            emu.ok("stall")
+            held = phys_send(phys + size - 10, 10)
+            self.assertTrue(emu.pending(held))
+            emu.ok("release")
+            self.assertEqual(emu.wait_reply(held)["ret"], 10)
+            emu.ok("stall")
+            held = phys_send(phys, 10)
+            self.assertTrue(emu.pending(held))
+            emu.call("signal", target=held)
+            self.assertEqual(emu.wait_reply(held)["errno"], errno.EINTR)
+            emu.ok("release")
+
+            # Memory the caller does not hold, or a range past its end: EFAULT, nothing sent.
+            for address, length in ((phys + size, 1), (phys - 4096, 16), (phys + size - 10, 11)):
+                r = emu.wait_reply(phys_send(address, length))
+                self.assertEqual(r.get("errno"), errno.EFAULT, (address - phys, length))
+            with open(capture, "rb") as f:
+                self.assertTrue(f.read() == data[100:100 + (2 << 20)] + data[:1000] + data[-10:])
+            ep = emu.status()["endpoints"][2]
+            self.assertEqual((ep["ioctls"], ep["ioctl_bytes"], ep["writes"], ep["bytes"]),
+                             (3, (2 << 20) + 1010, 0, (2 << 20) + 1010))
 
     def test_capture_is_byte_exact(self):
         with tempfile.TemporaryDirectory() as tmp:
@@ -442,6 +486,19 @@ class EmulatorTest(unittest.TestCase):
                                         capture_output=True, timeout=10).returncode, 42)
         self.assertEqual(subprocess.run([EMU, "--name", "st%d" % os.getpid(), "--", "sh", "-c", "kill -TERM $$"],
                                         capture_output=True, timeout=10).returncode, 128 + 15)
+
+        # A command and working directory in the host's /tmp (a checkout built there) stay
+        # reachable by their paths inside.
+        with tempfile.TemporaryDirectory(dir="/tmp") as tmp:
+            script = os.path.join(tmp, "run.sh")
+            with open(script, "w") as f:
+                f.write('#!/bin/sh\ncat "$PWD/data"\n')
+            os.chmod(script, 0o755)
+            with open(os.path.join(tmp, "data"), "w") as f:
+                f.write("seen")
+            r = subprocess.run([EMU, "--name", "st%d" % os.getpid(), "--", script], cwd=tmp,
+                               capture_output=True, timeout=10)
+            self.assertEqual((r.returncode, r.stdout), (0, b"seen"), r.stderr)
 
         with open("/proc/self/mountinfo") as f:
             mounts_before = sorted(line.split(" ", 4)[4] for line in f)

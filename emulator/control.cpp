@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 namespace usbdemu {
@@ -26,6 +27,24 @@ bool get32(const uint8_t *data, size_t len, size_t &pos, uint32_t &value)
 }
 
 } // namespace
+
+std::string jsonString(const std::string &text)
+{
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += char(c);
+        } else if (c < 0x20) {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += char(c);
+        }
+    }
+    return out + "\"";
+}
 
 bool validEmulatorName(const std::string &name)
 {

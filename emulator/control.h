@@ -34,6 +34,9 @@ struct Message {
 bool validEmulatorName(const std::string &name);
 socklen_t controlAddress(const std::string &name, sockaddr_un &addr);
 
+// `text` as a JSON string literal, quotes included.
+std::string jsonString(const std::string &text);
+
 bool sendMessage(int sock, const std::vector<std::string> &args, const void *payload = nullptr,
                  size_t payloadSize = 0, int fd = -1);
 // 1: a message; 0: the peer closed; negative errno: failure or a malformed/oversized message.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace usbdemu {
@@ -17,24 +18,6 @@ constexpr const char kDefaultPlugSpeed[] = "super-speed";
 constexpr const char kDefaultPlugMaxPower[] = "500";
 constexpr size_t kMaxValueText = 64;
 constexpr long kMaxWaitMs = 24L * 3600 * 1000;
-
-std::string jsonString(const std::string &text)
-{
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += char(c);
-        } else if (c < 0x20) {
-            char esc[8];
-            snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out += char(c);
-        }
-    }
-    return out + "\"";
-}
 
 const char *boolText(bool value) { return value ? "true" : "false"; }
 
@@ -85,8 +68,8 @@ bool takeEpOption(std::vector<std::string> &args, std::string &file)
 
 } // namespace
 
-ControlServer::ControlServer(FunctionFs &ffs, HostFiles &host, EmulatorInfo &info)
-    : ffs_(ffs), host_(host), info_(info)
+ControlServer::ControlServer(FunctionFs &ffs, HostFiles &host, IosPeer &peer, EmulatorInfo &info)
+    : ffs_(ffs), host_(host), peer_(peer), info_(info)
 {
 }
 
@@ -176,6 +159,8 @@ void ControlServer::handle(Message &request, int conn, std::vector<uint8_t> &pus
     auto fail = [&](const std::string &text) { reply("error", text); };
     auto usage = [&](const std::string &text) { reply("usage", text); };
 
+    if (handleIos(request, conn))
+        return;
     std::vector<std::string> args = request.args;
     const std::string cmd = args[0];
     std::string why;
@@ -360,6 +345,58 @@ void ControlServer::handle(Message &request, int conn, std::vector<uint8_t> &pus
     }
 }
 
+// The iOS peer's test controls; false when `request` is not one of them.
+bool ControlServer::handleIos(Message &request, int conn)
+{
+    const std::vector<std::string> &args = request.args;
+    const std::string &cmd = args[0];
+    auto reply = [conn](const char *kind, const std::string &text) {
+        sendMessage(conn, {kind, text});
+    };
+    long number = 0;
+    if (cmd == "ios-fail" || cmd == "ios-partial") {
+        if (args.size() != 2 || !validNumber(args[1], cmd == "ios-fail" ? 1000000 : INT32_MAX, number)) {
+            reply("usage", cmd + " N");
+            return true;
+        }
+        if (cmd == "ios-fail")
+            peer_.failNext(unsigned(number));
+        else
+            peer_.partialNext(number);
+        logLine("iOS peer: %s %ld", cmd == "ios-fail" ? "the next sends fail:" : "the next frame takes",
+                number);
+    } else if (cmd == "ios-block" || cmd == "ios-release") {
+        if (args.size() != 1) {
+            reply("usage", cmd);
+            return true;
+        }
+        peer_.setBlocked(cmd == "ios-block");
+        logLine("iOS peer: answers %s", cmd == "ios-block" ? "held" : "released");
+    } else if (cmd == "ios-reset") {
+        peer_.reset();
+    } else if (cmd == "ios-log") {
+        if (args.size() > 2 || (args.size() == 2 && args[1] != "--json")) {
+            reply("usage", "ios-log [--json]");
+            return true;
+        }
+        reply("ok", args.size() == 2 ? peer_.logJson() : peer_.logText());
+        return true;
+    } else if (cmd == "ios-capture") {
+        if (!request.fd) {
+            reply("usage", "ios-capture needs the file's descriptor");
+            return true;
+        }
+        peer_.setCapture(std::move(request.fd));
+        logLine("iOS peer: capture switched to a new file");
+    } else if (cmd == "ios-capture-off") {
+        peer_.setCapture(usbd::UniqueFd());
+    } else {
+        return false;
+    }
+    reply("ok", "");
+    return true;
+}
+
 std::string ControlServer::statusText()
 {
     const FunctionStatus f = ffs_.status();
@@ -414,6 +451,19 @@ std::string ControlServer::statusText()
     line("udc:", h.udc + ": state \"" + h.state + "\", speed \"" + h.speed + "\", MaxPower " +
                      h.maxPower);
     line("ios:", iosStateName(h.ios));
+    const IosPeerStatus p = peer_.status();
+    std::string peer = std::to_string(p.arrivals) + " frames and records, " +
+                       std::to_string(p.completed) + " requests complete, " +
+                       std::to_string(p.connections) + " connections";
+    if (p.failNext)
+        peer += ", next " + std::to_string(p.failNext) + " sends fail";
+    if (p.partialNext >= 0)
+        peer += ", next frame takes " + std::to_string(p.partialNext) + " bytes";
+    if (p.blocked)
+        peer += ", answers held (" + std::to_string(p.held) + " waiting)";
+    if (p.capturing)
+        peer += ", captured";
+    line("ios peer:", peer);
     if (!info_.dbusAddress.empty())
         line("dbus:", info_.dbusAddress);
     return text;
@@ -479,6 +529,14 @@ std::string ControlServer::statusJson()
     j += ",\"udc\":{\"name\":" + jsonString(h.udc) + ",\"state\":" + jsonString(h.state) +
          ",\"speed\":" + jsonString(h.speed) + ",\"maxpower\":" + jsonString(h.maxPower) + "}";
     j += ",\"ios\":" + jsonString(iosStateName(h.ios));
+    const IosPeerStatus p = peer_.status();
+    j += ",\"ios_peer\":{\"connections\":" + std::to_string(p.connections) +
+         ",\"arrivals\":" + std::to_string(p.arrivals) +
+         ",\"requests_complete\":" + std::to_string(p.completed) +
+         ",\"fail_next\":" + std::to_string(p.failNext) +
+         ",\"partial_next\":" + (p.partialNext >= 0 ? std::to_string(p.partialNext) : "null") +
+         ",\"blocked\":" + boolText(p.blocked) + ",\"held\":" + std::to_string(p.held) +
+         ",\"capture\":" + boolText(p.capturing) + "}";
     j += std::string(",\"capture\":{\"active\":") + boolText(f.capturing) + ",\"endpoint\":" +
          (f.captureEndpoint.empty() ? "null" : jsonString(f.captureEndpoint)) + "}";
     j += ",\"dbus\":" + (info_.dbusAddress.empty() ? "null" : jsonString(info_.dbusAddress));

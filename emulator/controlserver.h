@@ -6,6 +6,7 @@
 #include "control.h"
 #include "ffs.h"
 #include "host.h"
+#include "iospeer.h"
 
 #include <usbd/unique_fd.h>
 
@@ -28,7 +29,7 @@ struct EmulatorInfo {
 
 class ControlServer {
 public:
-    ControlServer(FunctionFs &ffs, HostFiles &host, EmulatorInfo &info);
+    ControlServer(FunctionFs &ffs, HostFiles &host, IosPeer &peer, EmulatorInfo &info);
     ~ControlServer();
 
     // Binds the socket; false (with the reason logged) when the name is taken or invalid.
@@ -40,11 +41,13 @@ private:
     void acceptLoop();
     void serve(usbd::UniqueFd conn);
     void handle(Message &request, int conn, std::vector<uint8_t> &pushBuffer);
+    bool handleIos(Message &request, int conn);
     std::string statusText();
     std::string statusJson();
 
     FunctionFs &ffs_;
     HostFiles &host_;
+    IosPeer &peer_;
     EmulatorInfo &info_;
     usbd::UniqueFd listen_;
     std::thread acceptThread_;

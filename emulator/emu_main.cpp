@@ -5,6 +5,7 @@
 #include "controlserver.h"
 #include "ffs.h"
 #include "host.h"
+#include "iospeer.h"
 #include "log.h"
 #include "sandbox.h"
 
@@ -249,13 +250,15 @@ int main(int argc, char **argv)
 
     FunctionFs ffs;
     HostFiles host;
+    IosPeer peer;
     EmulatorInfo info;
     info.name = options.name;
-    ControlServer server(ffs, host, info);
+    ControlServer server(ffs, host, peer, info);
     if (!server.listen(options.name))
         return kSetupFailed;
 
-    if (!enterSandbox(options.command[0]) || !host.create(options.udc))
+    if (!enterSandbox(options.command[0]) || !host.create(options.udc) ||
+        !peer.listen(kMfiPeerSocketPath))
         return kSetupFailed;
     const std::string busConfigPath = std::string(kPrivateRunDir) + "/dbus.conf";
     if (options.dbus) {
@@ -281,7 +284,7 @@ int main(int argc, char **argv)
     init.command = options.command;
     init.env = info.execEnv;
     init.dbusConfig = options.dbus ? busConfigPath : std::string();
-    init.closeFds = {ffs.sessionFd(), server.listenFd(), lifeline[1]};
+    init.closeFds = {ffs.sessionFd(), server.listenFd(), peer.listenFd(), lifeline[1]};
     init.lifeline = lifeline[0];
     const pid_t initPid = startInit(init);
     close(lifeline[0]);
@@ -294,6 +297,7 @@ int main(int argc, char **argv)
             ffsDir.c_str(), options.udc.c_str(), options.command[0].c_str(), initPid);
 
     ffs.start();
+    peer.start();
     server.start();
     const int status = waitForInit(initPid);
     logLine("command ended with status %d", status);

@@ -59,6 +59,13 @@ void printUsage(FILE *out)
           "  ep1-eof [--ep epN]           the next read on ep1 past the queued bytes returns 0\n"
           "  capture FILE                 capture the IN endpoint (ep3) into FILE (truncated)\n"
           "  capture-off                  count and discard the host's bytes\n"
+          "  ios-log [--json]             frames, records and requests the iOS peer received\n"
+          "  ios-fail N                   the iOS peer fails the next N sends\n"
+          "  ios-partial N                the next frame takes only N payload bytes\n"
+          "  ios-block | ios-release      hold / give the iOS peer's answers\n"
+          "  ios-reset                    forget what the iOS peer received\n"
+          "  ios-capture FILE             append each request the iOS peer completes to FILE\n"
+          "  ios-capture-off              stop that\n"
           "  exec -- CMD [ARGS]           run CMD inside the emulator's namespaces\n\n"
           "Exit status: 0 done, 1 refused, 2 usage, 3 no such emulator, 4 timeout, 5 I/O error;\n"
           "exec passes on CMD's status (125 if it could not be started).\n",
@@ -268,12 +275,14 @@ int main(int argc, char **argv)
     static const char *const kPassThrough[] = {"status", "plug",  "unplug",   "event",
                                                "udc-state", "speed", "maxpower", "ios",
                                                "stall",  "release", "short",  "ep1-eof",
-                                               "capture-off"};
+                                               "capture-off", "ios-fail", "ios-partial",
+                                               "ios-block", "ios-release", "ios-log",
+                                               "ios-reset", "ios-capture-off"};
     bool passThrough = false;
     for (const char *known : kPassThrough)
         passThrough = passThrough || cmd == known;
     if (!passThrough && cmd != "wait-ready" && cmd != "ep1-push" && cmd != "capture" &&
-        cmd != "exec")
+        cmd != "ios-capture" && cmd != "exec")
         return fail(kUsage, "unknown command %s (see --help)", cmd.c_str());
 
     Client client(name);
@@ -307,15 +316,15 @@ int main(int argc, char **argv)
             return fail(kUsage, "ep1-push FILE|- [--ep epN]");
         return push(client, args[0], std::vector<std::string>(args.begin() + 1, args.end()));
     }
-    if (cmd == "capture") {
+    if (cmd == "capture" || cmd == "ios-capture") {
         if (args.size() != 1)
-            return fail(kUsage, "capture FILE");
+            return fail(kUsage, "%s FILE", cmd.c_str());
         // Opened here: the emulator's /tmp is private, so only this side sees the caller's path.
         usbd::UniqueFd fd(open(args[0].c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!fd)
             return fail(kIoError, "cannot open %s: %s", args[0].c_str(), strerror(errno));
         Message reply;
-        return client.call({"capture"}, reply, nullptr, 0, fd.get());
+        return client.call({cmd}, reply, nullptr, 0, fd.get());
     }
     // exec
     if (!args.empty() && args[0] == "--")

@@ -5,14 +5,17 @@
 // that the MFi stand-in library reads. Every file is replaced atomically (write a temporary,
 // rename), so a reader never sees half a value.
 
+#include <iosconn_sim.h>
+
 #include <mutex>
 #include <string>
 
 namespace usbdemu {
 
-// Where the MFi stand-in library looks for the emulated iOS peer's link state.
+// Where the MFi stand-in library looks for the emulated iOS peer: its link state and its socket.
 constexpr const char kMfiDir[] = "/run/mfi";
-constexpr const char kMfiLinkStatePath[] = "/run/mfi/link-state";
+constexpr const char kMfiLinkStatePath[] = IOSCONN_SIM_LINK_STATE;
+constexpr const char kMfiPeerSocketPath[] = IOSCONN_SIM_PEER_SOCKET;
 
 enum class IosState { None = 0, Mfi = 1, Wifi = 2 };
 const char *iosStateName(IosState state);

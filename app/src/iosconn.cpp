@@ -95,7 +95,8 @@ bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset
         header.length = frameLength;
         const int result = iosconn_send_with_header(kMfiLinkId, &header, int(sizeof(header)),
                                                     payload, int(frameLength), kMfiSendFlags);
-        const int written = result - int(kMfiFrameHeaderSize);
+        // In 64 bits: a library result near INT_MIN must not wrap into a large success.
+        const qint64 written = qint64(result) - kMfiFrameHeaderSize;
         qCDebug(lcIosConn) << "MFI send data" << "remaining:" << remaining
                            << "current frame size:" << frameLength << "bytes_written" << written;
         if (written >= 0) {

@@ -68,6 +68,15 @@ DESCRIPTORS = descriptors()
 STRINGS = strings()
 
 
+def agent_with_hal():
+    """The agent's command line when it loads the HAL library, which in sanitizer builds needs
+    the sanitizer's runtime loaded before it."""
+    ldd = subprocess.run(["ldd", HAL_LIB], capture_output=True, text=True).stdout
+    runtime = [line.split()[2] for line in ldd.splitlines() if "libasan" in line]
+    preload = ["env", "LD_PRELOAD=" + runtime[0], "ASAN_OPTIONS=detect_leaks=0"] if runtime else []
+    return preload + [PYTHON, AGENT]
+
+
 def event_type(record_hex):
     record = bytes.fromhex(record_hex)
     assert len(record) == 12, record_hex
@@ -360,7 +369,7 @@ class EmulatorTest(unittest.TestCase):
     def test_physical_address_transfers(self):
         with tempfile.TemporaryDirectory() as tmp:
             capture = os.path.join(tmp, "capture")
-            emu = self.emulator("--capture", capture)
+            emu = self.emulator("--capture", capture, command=agent_with_hal())
             emu.make_ready()
             ep3 = emu.open(FFS + "/ep3")
             size = 3 << 20

@@ -129,18 +129,22 @@ bool connectPeer()
     return true;
 }
 
-// Sends the head and meta part of a message; the caller sends exactly data_length bytes next.
-// Caller holds sendMutex.
-bool beginMessage(uint32_t kind, const void *meta, uint32_t metaLength, uint32_t dataLength,
-                  uint32_t paddingLength)
+// A send needs a link and the peer at its end; without them it fails before looking at what
+// the caller handed over. Caller holds sendMutex.
+bool sessionReady()
 {
-    // No link, no peer to talk to: as on the device, where the library has no session then.
     if (iosconn_isconnect(kDataLink) == IOSCONN_NOT_CONNECTED) {
         errno = ENOTCONN;
         return false;
     }
-    if (!connectPeer())
-        return false;
+    return connectPeer();
+}
+
+// Sends the head and meta part of a message; the caller sends exactly data_length bytes next.
+// Caller holds sendMutex, after sessionReady().
+bool beginMessage(uint32_t kind, const void *meta, uint32_t metaLength, uint32_t dataLength,
+                  uint32_t paddingLength)
+{
     const iosconn_sim_head head{kind, metaLength, dataLength, paddingLength};
     return sendAll(&head, sizeof(head)) && sendAll(meta, metaLength);
 }
@@ -219,7 +223,8 @@ int iosconn_send_with_header(int /*link_id*/, const void *header, int header_len
         (!header && header_len > 0) || (!payload && payload_len > 0))
         return fail(EINVAL);
     std::lock_guard<std::mutex> lock(sendMutex);
-    if (!beginMessage(IOSCONN_SIM_FRAME, header, uint32_t(header_len), uint32_t(payload_len), 0) ||
+    if (!sessionReady() ||
+        !beginMessage(IOSCONN_SIM_FRAME, header, uint32_t(header_len), uint32_t(payload_len), 0) ||
         !sendAll(payload, size_t(payload_len)))
         return dropPeer();
     return finishMessage();
@@ -229,6 +234,9 @@ int iosconn_send_file(int /*link_id*/, const void *record, int /*flags*/)
 {
     if (!record)
         return fail(EINVAL);
+    std::lock_guard<std::mutex> lock(sendMutex);
+    if (!sessionReady())
+        return dropPeer();
     // The record is read only as far as its own path length says it reaches.
     const uint8_t *r = static_cast<const uint8_t *>(record);
     const uint32_t fileOffset = get32(r);
@@ -248,7 +256,6 @@ int iosconn_send_file(int /*link_id*/, const void *record, int /*flags*/)
     if (uint64_t(fileOffset) + size > uint64_t(st.st_size))
         return fail(ERANGE);
 
-    std::lock_guard<std::mutex> lock(sendMutex);
     const uint32_t metaLength = IOSCONN_SIM_FILE_RECORD + pathLength + 1u;
     if (!beginMessage(IOSCONN_SIM_FILE, record, metaLength, size, padding))
         return dropPeer();
@@ -269,13 +276,14 @@ int iosconn_send_shm(int /*link_id*/, const void *record, int /*flags*/)
 {
     if (!record)
         return fail(EINVAL);
+    std::lock_guard<std::mutex> lock(sendMutex);
+    if (!sessionReady())
+        return dropPeer();
     const uint8_t *r = static_cast<const uint8_t *>(record);
     const uint32_t offset = get32(r);
     const uint32_t size = get32(r + 12);
     const uint32_t padding = get32(r + 16);
     const uint64_t handle = get64(r + 22);
-
-    std::lock_guard<std::mutex> lock(sendMutex);
     if (!ionReady())
         return fail(ENODEV);
     arvo_hal_mem_t memory = 0;

@@ -22,6 +22,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include "arvomemshare.h"
 #include "ffs_function.h"
 #include "usbconn.h"
 #include "usbdatain.h"
@@ -38,6 +39,7 @@ struct Options {
     size_t memoryBufferMiB = 16; // 4 requests x 4 buffers
     size_t fileMiB = 64;         // 2 requests x 2 files
     quint32 padding = 512;
+    size_t shmMiB = 256;
     std::string fileDir = "/tmp";
 };
 
@@ -125,6 +127,38 @@ bool runDaemonPath(UsbDataIn *queue, Completion *completion, const std::vector<R
         queue->send_data(new BenchList(buffers, completion));
     }
     return completion->wait(int(requests.size()));
+}
+
+// One shared-memory buffer sent by handle: the daemon imports and maps it per request, as it
+// does for a client's handle.
+bool runShmPath(UsbDataIn *queue, Completion *completion, quint64 handle, quint32 size)
+{
+    completion->reset();
+    queue->send_data(new BenchList({new UsbDBufferArvoHandle(handle, 0, size, 0, 0, true, 0, nullptr)},
+                                   completion));
+    return completion->wait(1);
+}
+
+bool runRawLoop(int endpoint, const std::vector<Request> &requests, const std::vector<char> &zeros);
+
+// The least a program must do to send memory it was handed by share handle: import it, map it,
+// write it, let it go.
+bool runRawShm(int endpoint, quint64 handle, quint32 size, const std::vector<char> &zeros)
+{
+    arvo_hal_mem_t memory = 0;
+    if (arvo_hal_mem_import(ArvoMemShare::ion()->handle(), &memory, handle) != 0)
+        return false;
+    uint8_t *base = nullptr;
+    bool ok = arvo_hal_mem_map(memory, &base) == 0;
+    if (ok) {
+        std::vector<Request> request(1, Request(1));
+        request[0][0].memory = QByteArray::fromRawData(reinterpret_cast<const char *>(base), int(size));
+        request[0][0].size = size;
+        ok = runRawLoop(endpoint, request, zeros);
+        arvo_hal_mem_unmap(memory);
+    }
+    arvo_hal_mem_free(memory);
+    return ok;
 }
 
 // What a program that owns the endpoint would write by hand: map what it must, then writev()
@@ -226,12 +260,57 @@ bool parseOptions(int argc, char **argv, Options *options)
             options->memoryBufferMiB = size_t(std::max(1, std::atoi(argv[++i])));
         else if (arg == "--file-mib" && hasValue)
             options->fileMiB = size_t(std::max(1, std::atoi(argv[++i])));
+        else if (arg == "--shm-mib" && hasValue)
+            options->shmMiB = size_t(std::max(1, std::atoi(argv[++i])));
         else if (arg == "--file-dir" && hasValue)
             options->fileDir = argv[++i];
         else
             return false;
     }
     return true;
+}
+
+// The figures of one workload: the daemon's path against the raw loop, measured in turns.
+struct Comparison {
+    const char *label = "";
+    const char *note = nullptr;
+    size_t bytes = 0;
+    bool ok = true;
+    std::vector<double> daemonRate, rawRate, rateRatio, daemonCpu, rawCpu, cpuRatio;
+};
+
+template <typename DaemonSide, typename RawSide>
+Comparison compare(const char *label, size_t bytes, int rounds, DaemonSide daemon, RawSide raw)
+{
+    Comparison c;
+    c.label = label;
+    c.bytes = bytes;
+    for (int round = 0; c.ok && round < rounds; ++round) {
+        Sample samples[2];
+        for (int side = 0; c.ok && side < 2; ++side) {
+            // A B, then B A: whichever side runs second in a pair pays for what the first
+            // left behind (in the emulator and the kernel), so each side takes both places.
+            const int which = round % 2 == 0 ? side : 1 - side;
+            const double wall0 = now(CLOCK_MONOTONIC);
+            const double cpu0 = now(CLOCK_PROCESS_CPUTIME_ID);
+            c.ok = which == 0 ? daemon() : raw();
+            samples[which].seconds = now(CLOCK_MONOTONIC) - wall0;
+            samples[which].cpuSeconds = now(CLOCK_PROCESS_CPUTIME_ID) - cpu0;
+        }
+        if (!c.ok)
+            break;
+        const double gib = double(bytes) / kGiB;
+        c.daemonRate.push_back(double(bytes) / 1e6 / samples[0].seconds);
+        c.rawRate.push_back(double(bytes) / 1e6 / samples[1].seconds);
+        c.rateRatio.push_back(c.daemonRate.back() / c.rawRate.back());
+        c.daemonCpu.push_back(samples[0].cpuSeconds / gib);
+        c.rawCpu.push_back(samples[1].cpuSeconds / gib);
+        c.cpuRatio.push_back(c.daemonCpu.back() / c.rawCpu.back());
+        std::fprintf(stderr, "%s, round %d: usbd %.0f MB/s %.3f CPU s/GiB, raw %.0f MB/s %.3f CPU s/GiB\n",
+                     label, round + 1, c.daemonRate.back(), c.daemonCpu.back(), c.rawRate.back(),
+                     c.rawCpu.back());
+    }
+    return c;
 }
 
 } // namespace
@@ -241,7 +320,7 @@ int main(int argc, char **argv)
     Options options;
     if (!parseOptions(argc, argv, &options)) {
         std::fprintf(stderr,
-                     "usage: %s [--rounds N] [--memory-mib M] [--file-mib F] [--file-dir DIR]\n",
+                     "usage: %s [--rounds N] [--memory-mib M] [--file-mib F] [--shm-mib S] [--file-dir DIR]\n",
                      argv[0]);
         return 2;
     }
@@ -308,31 +387,36 @@ int main(int argc, char **argv)
     bool ok = runRawLoop(function.ep3.get(), warmUp, zeros)
               && runDaemonPath(&queue, &completion, warmUp);
 
-    std::vector<double> daemonRate, rawRate, rateRatio, daemonCpu, rawCpu, cpuRatio;
-    for (int round = 0; ok && round < options.rounds; ++round) {
-        Sample samples[2];
-        for (int side = 0; ok && side < 2; ++side) {
-            const double wall0 = now(CLOCK_MONOTONIC);
-            const double cpu0 = now(CLOCK_PROCESS_CPUTIME_ID);
-            // A B, then B A: whichever side runs second in a pair pays for what the first
-            // left behind (in the emulator and the kernel), so each side takes both places.
-            const int which = round % 2 == 0 ? side : 1 - side;
-            ok = which == 0 ? runDaemonPath(&queue, &completion, requests)
-                            : runRawLoop(function.ep3.get(), requests, zeros);
-            samples[which].seconds = now(CLOCK_MONOTONIC) - wall0;
-            samples[which].cpuSeconds = now(CLOCK_PROCESS_CPUTIME_ID) - cpu0;
-        }
-        if (!ok)
-            break;
-        const double gib = double(totalBytes) / kGiB;
-        daemonRate.push_back(double(totalBytes) / 1e6 / samples[0].seconds);
-        rawRate.push_back(double(totalBytes) / 1e6 / samples[1].seconds);
-        rateRatio.push_back(daemonRate.back() / rawRate.back());
-        daemonCpu.push_back(samples[0].cpuSeconds / gib);
-        rawCpu.push_back(samples[1].cpuSeconds / gib);
-        cpuRatio.push_back(daemonCpu.back() / rawCpu.back());
-        std::fprintf(stderr, "round %d: usbd %.0f MB/s %.3f CPU s/GiB, raw %.0f MB/s %.3f CPU s/GiB\n",
-                     round + 1, daemonRate.back(), daemonCpu.back(), rawRate.back(), rawCpu.back());
+    std::vector<Comparison> comparisons;
+    comparisons.push_back(compare("memory and file buffers", totalBytes, options.rounds,
+                                  [&] { return runDaemonPath(&queue, &completion, requests); },
+                                  [&] { return runRawLoop(function.ep3.get(), requests, zeros); }));
+    ok = ok && comparisons.back().ok;
+
+    // Shared memory, by physical address (endpoint ioctl) and by virtual address (writev from
+    // the daemon's mapping), against a raw loop that imports, maps and writes the same handle.
+    const quint32 shmSize = quint32(options.shmMiB * kMiB);
+    ArvoMemShare shm(shmSize, false, nullptr);
+    if (ok && shm.data()) {
+        memset(shm.data(), 0x5A, shmSize);
+        const quint64 handle = shm.shareHandle();
+        UsbDataIn virtualQueue({new USBConn(function.ep3.get(), false, nullptr)});
+        virtualQueue.setLinkType(OstrTypes::LinkTypeUsb);
+        std::thread virtualWorker([&virtualQueue] { virtualQueue.process(); });
+        comparisons.push_back(compare("shared memory by physical address", shmSize, options.rounds,
+                                      [&] { return runShmPath(&queue, &completion, handle, shmSize); },
+                                      [&] { return runRawShm(function.ep3.get(), handle, shmSize, zeros); }));
+        comparisons.back().note = "the endpoint takes a physical transfer without the CPU touching the "
+                                  "bytes, as the device's DMA does: usbd's figures are its own cost";
+        ok = ok && comparisons.back().ok;
+        comparisons.push_back(compare("shared memory by virtual address", shmSize, options.rounds,
+                                      [&] { return runShmPath(&virtualQueue, &completion, handle, shmSize); },
+                                      [&] { return runRawShm(function.ep3.get(), handle, shmSize, zeros); }));
+        ok = ok && comparisons.back().ok;
+        virtualQueue.quit();
+        virtualWorker.join();
+    } else if (ok) {
+        std::fprintf(stderr, "bench: no shared memory (is /dev/ion there?); skipping its figures\n");
     }
 
     queue.quit();
@@ -344,13 +428,18 @@ int main(int argc, char **argv)
         return 1;
     }
 
-    std::printf("bytes per side and round: %zu (%d rounds, alternating A B, B A)\n", totalBytes,
+    std::printf("%d rounds per figure, the two sides alternating (A B, B A, ...); medians\n",
                 options.rounds);
-    std::printf("usbd MB/s: %.0f\n", median(daemonRate));
-    std::printf("raw writev MB/s: %.0f\n", median(rawRate));
-    std::printf("throughput ratio usbd/raw: %.3f (goal >= 0.95)\n", median(rateRatio));
-    std::printf("usbd CPU s/GiB: %.3f\n", median(daemonCpu));
-    std::printf("raw writev CPU s/GiB: %.3f\n", median(rawCpu));
-    std::printf("CPU ratio usbd/raw: %.3f (goal <= 1.10)\n", median(cpuRatio));
+    for (const Comparison &c : comparisons) {
+        std::printf("\n%s, %zu bytes per side and round:\n", c.label, c.bytes);
+        if (c.note)
+            std::printf("  (%s)\n", c.note);
+        std::printf("  usbd MB/s: %.0f\n", median(c.daemonRate));
+        std::printf("  raw writev MB/s: %.0f\n", median(c.rawRate));
+        std::printf("  throughput ratio usbd/raw: %.3f (goal >= 0.95)\n", median(c.rateRatio));
+        std::printf("  usbd CPU s/GiB: %.3f\n", median(c.daemonCpu));
+        std::printf("  raw writev CPU s/GiB: %.3f\n", median(c.rawCpu));
+        std::printf("  CPU ratio usbd/raw: %.3f (goal <= 1.10)\n", median(c.cpuRatio));
+    }
     return 0;
 }

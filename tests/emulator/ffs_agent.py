@@ -19,6 +19,9 @@ import struct
 import sys
 import threading
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import shm_holder  # noqa: E402
+
 libc = ctypes.CDLL(ctypes.util.find_library("c"), use_errno=True)
 libc.write.argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_size_t]
 libc.write.restype = ctypes.c_ssize_t
@@ -106,20 +109,10 @@ hal_memory = []
 
 
 def op_halmem(req):
-    # HAL memory of this process, filled with a pattern; kept until the agent ends.
-    hal = ctypes.CDLL(req["lib"])
-    u32 = ctypes.c_uint32
-    device, memory, phys = u32(), u32(), u32()
-    base = ctypes.POINTER(ctypes.c_uint8)()
-    if (hal.arvo_hal_initialize(None) != 0
-            or hal.arvo_hal_device_open(b"/dev/ion", None, ctypes.byref(device)) not in (0, -1004)
-            or hal.arvo_hal_mem_alloc(device, ctypes.byref(memory), req["size"], 4096, 0, 0) != 0
-            or hal.arvo_hal_mem_map(memory, ctypes.byref(base)) != 0):
-        return {"ret": -1}
-    ctypes.memmove(base, pattern(req["size"], req.get("seed", 0)), req["size"])
-    hal.arvo_hal_mem_get_phys_addr(memory, ctypes.byref(phys))
+    # HAL memory of this process, filled with the shared test pattern; kept until the agent ends.
+    hal, memory, _, phys = shm_holder.allocate(req["lib"], req["size"], req["seed"])
     hal_memory.append((hal, memory))
-    return {"ret": 0, "phys": phys.value}
+    return {"ret": 0, "phys": phys}
 
 
 def op_epoll(req):
@@ -130,27 +123,6 @@ def op_epoll(req):
         return {"ret": len(events), "events": [mask for _, mask in events]}
     finally:
         ep.close()
-
-
-def op_listdir(req):
-    try:
-        return {"ret": 0, "names": sorted(os.listdir(req["path"]))}
-    except OSError as e:
-        return {"ret": -1, "errno": e.errno}
-
-
-def op_readfile(req):
-    try:
-        with open(req["path"], "rb") as f:
-            return {"ret": 0, "hex": f.read(4096).hex()}
-    except OSError as e:
-        return {"ret": -1, "errno": e.errno}
-
-
-def op_writefile(req):
-    with open(req["path"], "w") as f:
-        f.write(req["text"])
-    return {"ret": 0}
 
 
 def op_signal(req):

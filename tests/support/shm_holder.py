@@ -20,26 +20,29 @@ def pattern(size, seed):
     return bytes(out[:size])
 
 
-def main():
-    library, size, seed = sys.argv[1], int(sys.argv[2]), sys.argv[3]
+def allocate(library, size, seed):
+    """HAL memory of this process holding pattern(size, seed): (library, memory object, share
+    handle, physical address)."""
     hal = ctypes.CDLL(library)
-    u32, u64 = ctypes.c_uint32, ctypes.c_uint64
-    if hal.arvo_hal_initialize(None) != 0:
-        sys.exit("arvo_hal_initialize failed")
-    device = u32()
-    if hal.arvo_hal_device_open(b"/dev/ion", None, ctypes.byref(device)) not in (0, -1004):
-        sys.exit("cannot open /dev/ion")
-    memory = u32()
-    if hal.arvo_hal_mem_alloc(device, ctypes.byref(memory), size, 1024, 0, 27) != 0:
-        sys.exit("arvo_hal_mem_alloc failed")
+    device, memory, phys, handle = ctypes.c_uint32(), ctypes.c_uint32(), ctypes.c_uint32(), ctypes.c_uint64()
     base = ctypes.POINTER(ctypes.c_uint8)()
-    if hal.arvo_hal_mem_map(memory, ctypes.byref(base)) != 0:
-        sys.exit("arvo_hal_mem_map failed")
+    if (hal.arvo_hal_initialize(None) != 0
+            or hal.arvo_hal_device_open(b"/dev/ion", None, ctypes.byref(device)) not in (0, -1004)
+            or hal.arvo_hal_mem_alloc(device, ctypes.byref(memory), size, 1024, 0, 27) != 0
+            or hal.arvo_hal_mem_map(memory, ctypes.byref(base)) != 0):
+        raise RuntimeError("cannot allocate %d bytes of HAL memory" % size)
     ctypes.memmove(base, pattern(size, seed), size)
-    handle, phys = u64(), u32()
     hal.arvo_hal_mem_share(memory, ctypes.byref(handle))
     hal.arvo_hal_mem_get_phys_addr(memory, ctypes.byref(phys))
-    print(handle.value, phys.value, flush=True)
+    return hal, memory, handle.value, phys.value
+
+
+def main():
+    try:
+        hal, memory, handle, phys = allocate(sys.argv[1], int(sys.argv[2]), sys.argv[3])
+    except RuntimeError as error:
+        sys.exit(str(error))
+    print(handle, phys, flush=True)
     sys.stdin.read()
     hal.arvo_hal_mem_free(memory)
 

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <thread>
 
 #include <QFile>
@@ -48,17 +46,8 @@ bool writeFile(const QString &path, const QByteArray &content)
 // A counter of one endpoint ("ep1", "ep3") from `usbd-emuctl status --json`; -1 if unknown.
 int counter(const char *file, const char *key)
 {
-    const std::string command = std::string(std::getenv("USBD_EMUCTL")) + " --name "
-                                + std::getenv("USBD_EMU_NAME") + " status --json";
-    FILE *pipe = popen(command.c_str(), "r");
-    QByteArray output;
-    char chunk[4096];
-    for (size_t n; pipe && (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        output.append(chunk, int(n));
-    if (pipe)
-        pclose(pipe);
-    for (const QJsonValue &endpoint :
-         QJsonDocument::fromJson(output).object().value("endpoints").toArray()) {
+    const QByteArray status = QByteArray::fromStdString(usbdtest::emuctlOutput("status --json"));
+    for (const QJsonValue &endpoint : QJsonDocument::fromJson(status).object().value("endpoints").toArray()) {
         if (endpoint.toObject().value("file").toString() == QLatin1String(file))
             return endpoint.toObject().value(QLatin1String(key)).toInt(-1);
     }

@@ -8,8 +8,6 @@
 #include <signal.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <thread>
 
 #include <QFile>
@@ -54,16 +52,7 @@ QByteArray readFile(const QString &path)
 
 QJsonObject emuctlJson(const std::string &args)
 {
-    const std::string command = std::string(std::getenv("USBD_EMUCTL")) + " --name " +
-                                std::getenv("USBD_EMU_NAME") + " " + args;
-    FILE *pipe = popen(command.c_str(), "r");
-    QByteArray output;
-    char chunk[4096];
-    for (size_t n; pipe && (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        output.append(chunk, int(n));
-    if (pipe)
-        pclose(pipe);
-    return QJsonDocument::fromJson(output).object();
+    return QJsonDocument::fromJson(QByteArray::fromStdString(usbdtest::emuctlOutput(args))).object();
 }
 
 QJsonArray arrivals() { return emuctlJson("ios-log --json").value("arrivals").toArray(); }

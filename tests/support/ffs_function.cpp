@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -33,6 +34,15 @@ bool openEndpoint(usbd::UniqueFd *fd, const char *path, int flags, std::string *
     return false;
 }
 
+std::string emuctlCommand(const std::string &args)
+{
+    const char *name = std::getenv("USBD_EMU_NAME");
+    const char *tool = std::getenv("USBD_EMUCTL");
+    if (name == nullptr)
+        return "false";
+    return std::string(tool ? tool : "usbd-emuctl") + " --name " + name + " " + args;
+}
+
 } // namespace
 
 bool bringUpFunction(FfsFunction *function, std::string *why)
@@ -50,13 +60,19 @@ bool bringUpFunction(FfsFunction *function, std::string *why)
 
 bool emuctl(const std::string &args)
 {
-    const char *name = std::getenv("USBD_EMU_NAME");
-    const char *tool = std::getenv("USBD_EMUCTL");
-    if (name == nullptr)
-        return false;
-    const std::string command = std::string(tool ? tool : "usbd-emuctl") + " --name " + name
-                                + " " + args + " >/dev/null";
-    return std::system(command.c_str()) == 0;
+    return std::system((emuctlCommand(args) + " >/dev/null").c_str()) == 0;
+}
+
+std::string emuctlOutput(const std::string &args)
+{
+    std::string output;
+    if (FILE *pipe = ::popen(emuctlCommand(args).c_str(), "r")) {
+        char chunk[4096];
+        for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+            output.append(chunk, n);
+        ::pclose(pipe);
+    }
+    return output;
 }
 
 } // namespace usbdtest

@@ -22,5 +22,7 @@ bool bringUpFunction(FfsFunction *function, std::string *why);
 // Runs `usbd-emuctl --name <name> <args>` (the emulator's name is taken from USBD_EMU_NAME,
 // the tool from USBD_EMUCTL or PATH); true when it exits with status 0.
 bool emuctl(const std::string &args);
+// The same, returning what it printed (nothing if it could not run).
+std::string emuctlOutput(const std::string &args);
 
 } // namespace usbdtest

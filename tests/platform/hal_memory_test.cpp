@@ -123,7 +123,7 @@ TEST_F(HalMemory, SharingAcrossProcessesAndRefusedHandles)
     uint64_t handle = 0;
     ASSERT_EQ(arvo_hal_mem_share(memory, &handle), ARVO_HAL_OK);
 
-    Child child([handle](uint64_t *reshared) {
+    Child child([handle](uint64_t *) {
         // Start as a process of its own would: what fork copied (the parent's objects and
         // their descriptors) must not be what makes the parent's memory reachable here.
         arvo_sim_reset();
@@ -136,26 +136,16 @@ TEST_F(HalMemory, SharingAcrossProcessesAndRefusedHandles)
                         arvo_hal_mem_import(ion, &imported, handle) == ARVO_HAL_OK &&
                         arvo_hal_mem_map(imported, &view) == ARVO_HAL_OK &&
                         arvo_hal_mem_get_size(imported, &size) == ARVO_HAL_OK && size == 4096 &&
-                        std::memcmp(view, "from parent", 12) == 0 &&
-                        arvo_hal_mem_share(imported, reshared) == ARVO_HAL_OK;
+                        std::memcmp(view, "from parent", 12) == 0;
         if (ok)
             std::memcpy(view + 100, "from child", 11);
         return ok;
     });
     ASSERT_GT(child.pid, 0);
-    uint64_t reshared = 0;
-    ASSERT_TRUE(child.receive(&reshared));
+    uint64_t ignored = 0;
+    ASSERT_TRUE(child.receive(&ignored));
     EXPECT_EQ(std::memcmp(data + 100, "from child", 11), 0);
-    // The child can hand on what it imported: the handle names the child, same address.
-    EXPECT_EQ(reshared, uint64_t(child.pid) << 32 | uint32_t(handle));
-    arvo_hal_mem_t viaChild = 0;
-    uint8_t *viaChildData = nullptr;
-    ASSERT_EQ(arvo_hal_mem_import(ion_, &viaChild, reshared), ARVO_HAL_OK);
-    ASSERT_EQ(arvo_hal_mem_map(viaChild, &viaChildData), ARVO_HAL_OK);
-    viaChildData[200] = 0x77;
-    EXPECT_EQ(data[200], 0x77);
     EXPECT_EQ(child.finish(), 0);
-    EXPECT_EQ(arvo_hal_mem_free(viaChild), ARVO_HAL_OK);
 
     const uint64_t pid = handle >> 32;
     const uint32_t phys = uint32_t(handle);

@@ -1,7 +1,7 @@
 // The socket front end of the real daemon, on the device emulator. Each test runs in a fresh
 // emulator (see CMakeLists.txt): this binary is the emulator's command, starts usbd itself, and
 // drives the emulated host with usbd-emuctl.
-// Environment: USBD_BIN, USBD_EMUCTL_BIN, USBD_EMU_NAME.
+// Environment: USBD_BIN, USBD_EMUCTL, USBD_EMU_NAME.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -29,6 +29,7 @@
 
 #include "arvo.h"
 #include "arvomemshare.h"
+#include "ffs_function.h"
 
 using namespace std::chrono_literals;
 using usbd::client::Connection;
@@ -77,36 +78,13 @@ bool waitUntil(Predicate done, std::chrono::milliseconds limit)
     }
 }
 
-// Runs a program and returns its exit status (-1 if it could not run or was killed).
-int run(const std::vector<std::string> &argv)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        // Their progress lines ("ready") are of no interest here; errors still show.
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(null, STDOUT_FILENO);
-        std::vector<char *> args;
-        for (const std::string &a : argv)
-            args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
-}
-
 class SocketSystem : public ::testing::Test {
 protected:
     void SetUp() override
     {
         usbd_ = env("USBD_BIN");
-        emuctl_ = env("USBD_EMUCTL_BIN");
-        emuName_ = env("USBD_EMU_NAME");
-        if (usbd_.empty() || emuctl_.empty() || emuName_.empty())
-            GTEST_SKIP() << "needs usbd-emu and USBD_BIN, USBD_EMUCTL_BIN, USBD_EMU_NAME";
+        if (usbd_.empty() || env("USBD_EMU_NAME").empty())
+            GTEST_SKIP() << "needs usbd-emu and USBD_BIN, USBD_EMUCTL, USBD_EMU_NAME";
     }
 
     void TearDown() override
@@ -117,12 +95,6 @@ protected:
         }
         if (HasFailure())
             std::cerr << "---- daemon log ----\n" << readFile(kDaemonLog) << "----\n";
-    }
-
-    int emuctl(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), {emuctl_, "--name", emuName_});
-        return run(args);
     }
 
     // Starts usbd with its output in kDaemonLog.
@@ -159,10 +131,10 @@ protected:
     void startLinked(Connection *connection)
     {
         ASSERT_NO_FATAL_FAILURE(startDaemon());
-        ASSERT_EQ(emuctl({"wait-ready", "--timeout", "10"}), 0);
-        ASSERT_EQ(emuctl({"capture", kCapture}), 0);
+        ASSERT_TRUE(usbdtest::emuctl("wait-ready --timeout 10"));
+        ASSERT_TRUE(usbdtest::emuctl(std::string("capture ") + kCapture));
         ASSERT_NO_FATAL_FAILURE(connect(connection));
-        ASSERT_EQ(emuctl({"plug"}), 0);
+        ASSERT_TRUE(usbdtest::emuctl("plug"));
         const bool linked = waitUntil(
             [&] {
                 Response response;
@@ -204,8 +176,6 @@ protected:
     }
 
     std::string usbd_;
-    std::string emuctl_;
-    std::string emuName_;
     pid_t daemon_ = -1;
 };
 
@@ -271,7 +241,7 @@ TEST_F(SocketSystem, InterruptFailsTheStalledTransferAndTheNextRequestSucceeds)
     ASSERT_NO_FATAL_FAILURE(startLinked(&client));
     ASSERT_NO_FATAL_FAILURE(connect(&interrupter));
 
-    ASSERT_EQ(emuctl({"stall"}), 0);
+    ASSERT_TRUE(usbdtest::emuctl("stall"));
     const std::string data(1000, 'x');
     SendRequest stalled(1);
     stalled.addMemory(data.data(), std::uint32_t(data.size()));
@@ -289,7 +259,7 @@ TEST_F(SocketSystem, InterruptFailsTheStalledTransferAndTheNextRequestSucceeds)
     EXPECT_EQ(response.requestId, 1u);
     EXPECT_EQ(response.status, -1);
 
-    ASSERT_EQ(emuctl({"release"}), 0);
+    ASSERT_TRUE(usbdtest::emuctl("release"));
     SendRequest next(2);
     next.addMemory("after", 5);
     response = exchange(&client, next.encode());
@@ -354,7 +324,7 @@ TEST_F(SocketSystem, HungUpClientsResponseNeverReachesTheNextClient)
     ASSERT_NO_FATAL_FAILURE(startLinked(&first));
 
     // The first client's request waits behind a stalled host while the client hangs up.
-    ASSERT_EQ(emuctl({"stall"}), 0);
+    ASSERT_TRUE(usbdtest::emuctl("stall"));
     SendRequest firstRequest(100);
     firstRequest.addMemory("gone", 4);
     ASSERT_EQ(first.send(firstRequest.encode()), 0);
@@ -369,7 +339,7 @@ TEST_F(SocketSystem, HungUpClientsResponseNeverReachesTheNextClient)
     secondRequest.addMemory("here", 4);
     ASSERT_EQ(second.send(secondRequest.encode()), 0);
     ASSERT_NO_FATAL_FAILURE(waitUntilRead(second));
-    ASSERT_EQ(emuctl({"release"}), 0);
+    ASSERT_TRUE(usbdtest::emuctl("release"));
 
     Response response;
     ASSERT_EQ(second.receive(&response, kResponseTimeoutMs), 0);

@@ -1,8 +1,9 @@
 // The emulator's blob checks must take exactly what the kernel takes: a blob the emulator
-// accepts and a device refuses would hide a daemon bug until it runs on hardware. The daemon's
-// own blobs are checked end to end by its start-up test.
+// accepts and a device refuses would hide a daemon bug until it runs on hardware. The cases are
+// variations of the daemon's own blob.
 
 #include "blobs.h"
+#include "functionfs.h"
 
 #include <gtest/gtest.h>
 
@@ -50,18 +51,6 @@ Bytes endpointDesc(uint8_t address, uint16_t maxPacket, uint8_t length = 9)
     return d;
 }
 
-// One speed set of the daemon's function: a vendor interface with four bulk endpoints.
-Bytes speedSet(uint16_t maxPacket, uint8_t iInterface, bool companions)
-{
-    Bytes set = interfaceDesc(0xff, iInterface, 4);
-    for (uint8_t a : {0x01, 0x02, 0x81, 0x82}) {
-        set = cat({set, endpointDesc(a, maxPacket)});
-        if (companions)
-            set = cat({set, Bytes{6, 0x30, uint8_t(a == 0x81 ? 15 : 0), 0, 0, 0}});
-    }
-    return set;
-}
-
 // A blob with the given magic, flags, counts (one per flag bit present) and body; the length
 // field is set to the blob's size.
 Bytes descriptorsBlob(uint32_t flags, std::vector<uint32_t> counts, const Bytes &body,
@@ -79,10 +68,13 @@ Bytes descriptorsBlob(uint32_t flags, std::vector<uint32_t> counts, const Bytes 
     return b;
 }
 
-const Bytes kFs = speedSet(64, 1, false);
-const Bytes kHs = speedSet(512, 1, false);
-const Bytes kSs = speedSet(1024, 0, true);
-const Bytes kDaemonDescriptors = descriptorsBlob(7, {5, 5, 9}, cat({kFs, kHs, kSs}));
+// The daemon's blob (v2 header, flags 7) and its three speed sets: an interface and four bulk
+// endpoints, with a companion each at super speed.
+const auto kDaemonBlob = usbd::functionfs::descriptorsBlob();
+const Bytes kDaemonDescriptors(kDaemonBlob.begin(), kDaemonBlob.end());
+const Bytes kFs(kDaemonBlob.begin() + 24, kDaemonBlob.begin() + 69);
+const Bytes kHs(kDaemonBlob.begin() + 69, kDaemonBlob.begin() + 114);
+const Bytes kSs(kDaemonBlob.begin() + 114, kDaemonBlob.end());
 const std::string kCtrl("CTRL Interface", 15);
 
 Bytes stringsBlob(uint32_t strCount, const std::vector<std::pair<uint16_t, std::string>> &langs)
@@ -183,7 +175,7 @@ TEST(Blobs, StringsAreCheckedAsTheKernelChecksThem)
 {
     FunctionLayout layout;
     ASSERT_EQ(parse(kDaemonDescriptors, layout), 0);
-    const Bytes daemonStrings = stringsBlob(1, {{0x0409, kCtrl}});
+    const Bytes daemonStrings(usbd::functionfs::stringsBlob().begin(), usbd::functionfs::stringsBlob().end());
     Bytes truncatedLanguage = withField(cat({stringsBlob(1, {}), Bytes{0x09, 0x04}}), 12, 1);
     set32(truncatedLanguage, 4, uint32_t(truncatedLanguage.size()));
     const Case cases[] = {

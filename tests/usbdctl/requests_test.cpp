@@ -1,7 +1,6 @@
 // What usbdctl asks of the daemon: the maps it builds and the exit status of each failure.
 #include <gtest/gtest.h>
 
-#include <QDBusMetaType>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
@@ -11,15 +10,6 @@
 using namespace usbdctl;
 
 namespace {
-
-// The D-Bus type each value of a map travels as.
-QMap<QString, QString> wireTypes(const QVariantMap &map)
-{
-    QMap<QString, QString> types;
-    for (auto it = map.begin(); it != map.end(); ++it)
-        types.insert(it.key(), QString::fromLatin1(QDBusMetaType::typeToSignature(it.value().userType())));
-    return types;
-}
 
 class FilePlan : public ::testing::Test {
 protected:
@@ -44,30 +34,20 @@ protected:
     QString previous_;
 };
 
-TEST_F(FilePlan, PiecesNameAbsolutePathsAndCoverTheRestOfEachFile)
+TEST_F(FilePlan, WithoutASizeEachFileIsSentFromTheOffsetToItsOwnEnd)
 {
+    // The system test sends whole files and fixed ranges; this is the case in between.
     QList<FilePiece> pieces;
     PlanError error;
     FileOptions options;
-    options.elementPadding = 7;
-    options.sessionId = 65535;
-    // Relative names: the daemon has a working directory of its own and must get full paths.
-    ASSERT_TRUE(planFilePieces({"hundred.bin", "ten.bin", "hundred.bin"}, options, &pieces, &error));
-    ASSERT_EQ(pieces.size(), 3);
-    EXPECT_EQ(pieces[0].path, dir_.filePath("hundred.bin"));
-    EXPECT_EQ(pieces[1].path, dir_.filePath("ten.bin"));
-    EXPECT_EQ(pieces[0].size, 100);
-    EXPECT_EQ(pieces[1].size, 10);
-    EXPECT_EQ(pieces[2].size, 100);
-    EXPECT_EQ(pieces[1].elementPadding, 7);
-    EXPECT_EQ(pieces[1].sessionId, 65535);
-
-    // Without --size, each file is sent from the offset to its own end.
     options.offset = 4;
+    options.sessionId = 65535;
     ASSERT_TRUE(planFilePieces({"hundred.bin", "ten.bin"}, options, &pieces, &error));
+    ASSERT_EQ(pieces.size(), 2);
     EXPECT_EQ(pieces[0].offset, 4u);
     EXPECT_EQ(pieces[0].size, 96);
     EXPECT_EQ(pieces[1].size, 6);
+    EXPECT_EQ(pieces[1].sessionId, 65535);
 
     // A range that ends exactly at the end of the file is whole.
     options.size = 6;
@@ -106,58 +86,35 @@ TEST_F(FilePlan, MissingFilesAndRangesOutsideAFileAreRefusedBeforeSending)
     EXPECT_EQ(error.exitCode, kExitUsage);
 }
 
-TEST(SendMaps, ValuesTravelAsTheTypesTheDaemonChecksAndKeepTheirFullRange)
+TEST(SendMaps, ValuesKeepTheirFullRange)
 {
+    // The daemon refuses any other D-Bus type, which the system test would show; what it
+    // cannot show is a value above 2^31 turning negative on the way.
     FilePiece piece;
     piece.path = "/data/a.bin";
-    piece.offset = 0xFFFFFFF0u; // above 2^31: must not turn negative on the way
+    piece.offset = 0xFFFFFFF0u;
     piece.size = 16;
-    piece.elementAlignment = 4;
-    piece.elementPadding = 3;
     piece.sessionId = 0xFFFF;
     const QVariantMap file = fileMap(piece);
-    const QMap<QString, QString> fileTypes{{"path", "s"},
-                                           {"offset", "x"},
-                                           {"size", "i"},
-                                           {"element_alignment", "i"},
-                                           {"element_padding", "i"},
-                                           {"session_id", "q"}};
-    EXPECT_EQ(wireTypes(file), fileTypes);
     EXPECT_EQ(file.value("offset").toLongLong(), 0xFFFFFFF0ll);
     EXPECT_EQ(file.value("session_id").toUInt(), 0xFFFFu);
-    EXPECT_EQ(file.value("element_padding").toInt(), 3);
 
     ShmPiece shm;
     shm.handle = 0xFFFFFFFF00001000ull;
     shm.size = 0x80000000u;
-    shm.usePhysicalAddress = false;
-    shm.sessionId = 9;
     const QVariantMap memory = shmMap(shm);
-    const QMap<QString, QString> shmTypes{{"handle", "t"},
-                                          {"size", "x"},
-                                          {"element_alignment", "i"},
-                                          {"element_padding", "i"},
-                                          {"use_physical_address", "b"},
-                                          {"session_id", "q"}};
-    EXPECT_EQ(wireTypes(memory), shmTypes);
     EXPECT_EQ(memory.value("handle").toULongLong(), 0xFFFFFFFF00001000ull);
     EXPECT_EQ(memory.value("size").toLongLong(), 0x80000000ll);
-    EXPECT_FALSE(memory.value("use_physical_address").toBool());
 }
 
-TEST(ExitCodes, EachCommonFailureHasItsOwnStatus)
+TEST(ExitCodes, OnlyTheDaemonsOwnFailureReadsAsATransferProblem)
 {
-    const QString prefix = "org.freedesktop.DBus.Error.";
-    EXPECT_EQ(exitCodeForDBusError(prefix + "ServiceUnknown", "x"), kExitNotRunning);
-    EXPECT_EQ(exitCodeForDBusError(prefix + "NameHasNoOwner", "x"), kExitNotRunning);
-    EXPECT_EQ(exitCodeForDBusError(prefix + "AccessDenied", "x"), kExitAccessDenied);
-    EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", kTransferFailedText), kExitTransferFailed);
-    EXPECT_EQ(exitCodeForDBusError(prefix + "NoReply", "x"), kExitTimeout);
-    EXPECT_EQ(exitCodeForDBusError(prefix + "Timeout", "x"), kExitTimeout);
+    // The statuses themselves are checked against the real daemon and bus by the system tests.
     // "Failed" with another text comes from the bus or the library (for example a message that
     // could not be built), not from a transfer: it must not read as a link problem.
+    const QString prefix = "org.freedesktop.DBus.Error.";
+    EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", kTransferFailedText), kExitTransferFailed);
     EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", "Marshalling failed"), kExitOtherError);
-    EXPECT_EQ(exitCodeForDBusError(prefix + "UnknownMethod", "x"), kExitOtherError);
     EXPECT_EQ(exitCodeForDBusError("com.example.AccessDenied", "x"), kExitOtherError);
 }
 

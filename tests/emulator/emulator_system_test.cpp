@@ -16,11 +16,9 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <iostream>
-#include <sstream>
 #include <thread>
 
 #include <QJsonArray>
@@ -73,14 +71,6 @@ std::string pattern(size_t size, unsigned seed)
     for (size_t i = 0; i < size; ++i)
         data[i] = char(i * 13 + seed * 101 + i / 509);
     return data;
-}
-
-std::string readText(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 QJsonObject status()
@@ -185,9 +175,9 @@ TEST_F(EmulatorSystem, EventsAndControllerFiles)
         EXPECT_EQ(waiter.get().ret, 1);
     }
     // The files hold the new values before the device can see ENABLE.
-    EXPECT_EQ(readText(std::string(kUdc) + "state"), "configured\n");
-    EXPECT_EQ(readText(std::string(kUdc) + "current_speed"), "high-speed\n");
-    EXPECT_EQ(readText(usbd::kMaxPowerPath), "500\n");
+    EXPECT_EQ(usbdtest::readFile(std::string(kUdc) + "state"), "configured\n");
+    EXPECT_EQ(usbdtest::readFile(std::string(kUdc) + "current_speed"), "high-speed\n");
+    EXPECT_EQ(usbdtest::readFile(usbd::kMaxPowerPath), "500\n");
     EXPECT_EQ(eventType(ep0()), 0); // BIND
     EXPECT_EQ(eventType(ep0()), 2); // ENABLE
 
@@ -197,8 +187,8 @@ TEST_F(EmulatorSystem, EventsAndControllerFiles)
         ASSERT_TRUE(usbdtest::emuctl("unplug"));
         EXPECT_EQ(reader.get().ret, 3); // DISABLE
     }
-    EXPECT_EQ(readText(std::string(kUdc) + "state"), "not attached\n");
-    EXPECT_EQ(readText(std::string(kUdc) + "current_speed"), "UNKNOWN\n");
+    EXPECT_EQ(usbdtest::readFile(std::string(kUdc) + "state"), "not attached\n");
+    EXPECT_EQ(usbdtest::readFile(std::string(kUdc) + "current_speed"), "UNKNOWN\n");
     uint8_t small[11];
     EXPECT_EQ(result(::read(ep0(), small, sizeof small)).error, EINVAL);
 }
@@ -253,7 +243,7 @@ TEST_F(EmulatorSystem, EndpointsFollowTheHostAndCaptureExactly)
         EXPECT_EQ(reading.get().error, ESHUTDOWN);
     }
 
-    EXPECT_TRUE(readText(kCapture) == expected);
+    EXPECT_TRUE(usbdtest::readFile(kCapture) == expected);
     // The failed write delivered nothing and does not count.
     EXPECT_EQ(ep3Counters().value("bytes").toInt(), int(expected.size()));
     EXPECT_EQ(ep3Counters().value("writes").toInt(), 5);
@@ -302,7 +292,7 @@ TEST_F(EmulatorSystem, PhysicalAddressTransfers)
     EXPECT_EQ(result(physSend(ep3(), phys + kSize - 10, 11)).error, EFAULT);
 
     const std::string expected = data.substr(100, 2 * kMiB) + data.substr(0, 1000) + data.substr(kSize - 10);
-    EXPECT_TRUE(readText(kCapture) == expected);
+    EXPECT_TRUE(usbdtest::readFile(kCapture) == expected);
     const QJsonObject counters = ep3Counters();
     EXPECT_EQ(counters.value("ioctls").toInt(), 3);
     EXPECT_EQ(counters.value("ioctl_bytes").toInt(), int(expected.size()));

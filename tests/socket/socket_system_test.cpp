@@ -18,9 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,6 +34,7 @@ using usbd::client::Connection;
 using usbd::client::Response;
 using usbd::client::SendRequest;
 using Bytes = std::vector<std::uint8_t>;
+using usbdtest::readFile;
 
 namespace {
 
@@ -47,14 +46,6 @@ std::string env(const char *name)
 {
     const char *value = std::getenv(name);
     return value ? value : "";
-}
-
-std::string readFile(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 int countOf(const std::string &text, const std::string &what)

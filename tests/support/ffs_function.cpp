@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "functionfs.h"
 #include "paths.h"
@@ -73,6 +75,14 @@ std::string emuctlOutput(const std::string &args)
         ::pclose(pipe);
     }
     return output;
+}
+
+std::string readFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
 }
 
 } // namespace usbdtest

@@ -25,4 +25,7 @@ bool emuctl(const std::string &args);
 // The same, returning what it printed (nothing if it could not run).
 std::string emuctlOutput(const std::string &args);
 
+// The whole content of a file (a capture, a log, a controller file); empty if it cannot be read.
+std::string readFile(const std::string &path);
+
 } // namespace usbdtest

@@ -149,7 +149,8 @@ std::vector<Candidate> scan(libusb_context *context, const std::optional<BusAddr
         candidate.device.reset(libusb_ref_device(device));
         found.push_back(std::move(candidate));
     }
-    if (count > 0)
+    // The list exists also when it is empty; only a failed call leaves none.
+    if (count >= 0)
         libusb_free_device_list(list, 1);
     return found;
 }

@@ -493,6 +493,10 @@ Status Link::open(const FindOptions &options, std::unique_ptr<Link> *link, std::
 {
     std::optional<Clock::time_point> deniedSince;
     for (;;) {
+        if (stopped(options.stop)) {
+            *error = "interrupted while waiting for the device";
+            return Status::Interrupted;
+        }
         Found found;
         Status status = find(options, &found, error);
         if (status != Status::Ok)
@@ -519,8 +523,10 @@ Status Link::open(const FindOptions &options, std::unique_ptr<Link> *link, std::
                 continue;
             }
         }
-        if (options.wait && rc == LIBUSB_ERROR_NO_DEVICE)
+        if (options.wait && rc == LIBUSB_ERROR_NO_DEVICE) {
+            sleepFor(std::chrono::milliseconds(250), options.stop);
             continue;
+        }
         if (rc != LIBUSB_SUCCESS) {
             *error = rc == LIBUSB_ERROR_ACCESS ? permissionMessage(location)
                                                : "cannot open " + toString(location) + ": " + libusb_strerror(rc);

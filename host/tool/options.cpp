@@ -143,13 +143,13 @@ std::optional<int> parseMilliseconds(const std::string &text)
     return int(value);
 }
 
-// Splits "--name=value", "--name value", "-x value" and "-xvalue"; sets *spec to the option
-// found among the lists, or returns an error text.
 struct Occurrence {
     const OptionSpec *spec = nullptr;
     std::string value;
 };
 
+// Reads one option at args[*index] ("--name=value", "--name value", "-x value" or "-xvalue"),
+// moving *index past its value. Returns an error text, empty when the option is known.
 std::string takeOption(const std::vector<std::string> &args, size_t *index,
                        const std::vector<const OptionSpec *> &known, Occurrence *out)
 {
@@ -194,7 +194,7 @@ bool isOption(const std::string &arg)
     return arg.size() > 1 && arg[0] == '-';
 }
 
-// A global option; false with *problem set when its value is bad.
+// A global option; an error text when its value is bad.
 std::string applyGlobal(const Occurrence &occurrence, Options *options)
 {
     const std::string name = occurrence.spec->longName;

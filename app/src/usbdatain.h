@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <chrono>
+
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -48,6 +50,9 @@ class usbd_worker : public QObject {
     Q_OBJECT
 public:
     usbd_worker(int descriptor, const QString &path, int size, QObject *parent);
+    // timeMs > 0: the receive ends, and gives up the endpoint, that many milliseconds after
+    // this construction, whether it is still waiting for its turn or reading.
+    usbd_worker(int descriptor, const QString &path, int size, uint timeMs, QObject *parent);
 
 public slots:
     void process();
@@ -59,4 +64,7 @@ private:
     int descriptor_;
     QString path_;
     int size_;
+    uint timeMs_ = 0;
+    std::chrono::steady_clock::time_point asked_;
+    uint64_t ticket_; // place among the receives on the endpoint; process() must run once
 };

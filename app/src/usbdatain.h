@@ -22,8 +22,9 @@ public:
     explicit UsbDataIn(const QList<Conn *> &connections);
     ~UsbDataIn() override;
 
-    // Sends SIGUSR1 to the transfer thread so that a blocking transport call returns with EINTR.
-    // Does nothing before the worker has started.
+    // Ends the request in progress: it fails, whatever its transport call returns. Signals the
+    // transfer thread (SIGUSR1) until it has left its blocking call, for at most about 200 ms.
+    // Does nothing while no request is in progress, in particular before the worker starts.
     void interrupt();
 
     // Makes process() return once the request in flight (if any) is complete; the daemon never

@@ -56,11 +56,29 @@ public:
     void done(uint64_t ticket)
     {
         std::lock_guard<std::mutex> guard(mutex_);
+        passLocked(ticket);
+    }
+
+    // For a receive that never ran: its place is passed over.
+    void abandon(uint64_t ticket)
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (serving_ == ticket)
+            passLocked(ticket);
+        else
+            abandoned_.insert(ticket);
+    }
+
+private:
+    void passLocked(uint64_t ticket)
+    {
         serving_ = ticket + 1;
         while (abandoned_.erase(serving_) != 0)
             ++serving_;
         turn_.notify_all();
     }
+
+public:
 
 private:
     std::mutex mutex_;
@@ -245,11 +263,18 @@ usbd_worker::usbd_worker(int descriptor, const QString &path, int size, uint tim
 {
 }
 
+usbd_worker::~usbd_worker()
+{
+    if (!processed_)
+        receiveTurns.abandon(ticket_);
+}
+
 void usbd_worker::process()
 {
     ReceiveTurns::Deadline deadline;
     if (timeMs_ > 0)
         deadline = asked_ + std::chrono::milliseconds(timeMs_);
+    processed_ = true;
     const uint64_t ticket = ticket_;
     if (!receiveTurns.wait(ticket, deadline)) {
         qCWarning(lcUsbd).noquote() << "file receive timed out waiting for the endpoint:" << path_;

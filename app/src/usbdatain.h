@@ -54,6 +54,7 @@ public:
     // timeMs > 0: the receive ends, and gives up the endpoint, that many milliseconds after
     // this construction, whether it is still waiting for its turn or reading.
     usbd_worker(int descriptor, const QString &path, int size, uint timeMs, QObject *parent);
+    ~usbd_worker() override;
 
 public slots:
     void process();
@@ -67,5 +68,6 @@ private:
     int size_;
     uint timeMs_ = 0;
     std::chrono::steady_clock::time_point asked_;
-    uint64_t ticket_; // place among the receives on the endpoint; process() must run once
+    uint64_t ticket_; // place among the receives on the endpoint
+    bool processed_ = false;
 };

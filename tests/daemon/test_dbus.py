@@ -221,7 +221,7 @@ class UsbdOverDBus(DaemonTestCase):
         self.emu.ctl("stall")
         in_flight = Call(self.usbd.send_data, dbus.ByteArray(b"A" * 200), dbus.Byte(200))
         pump(lambda: self.emu.endpoint("ep3")["waiting"] >= 1, what="the held write")
-        queued = [Call(self.usbd.send_data, dbus.ByteArray(b"B%d" % i), dbus.Byte(2), timeout=4)
+        queued = [Call(self.usbd.send_data, dbus.ByteArray(b"B%d" % i), dbus.Byte(2), timeout=2)
                   for i in range(5)]
         time.sleep(0.2)
         pulled = time.monotonic()

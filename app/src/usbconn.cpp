@@ -30,7 +30,7 @@ struct Position {
 };
 
 // The zero bytes every padding entry points into: one read-only anonymous mapping of the
-// largest call, made once. Every page of it maps the kernel's shared zero page, so it costs
+// largest call, made once and kept for the life of the process. Every page of it maps the kernel's shared zero page, so it costs
 // no memory, and however much padding a request asks for, no entry of one call is longer than
 // the call. Entries of one call may share its bytes; writev only reads them.
 const uchar *zeroBlock()
@@ -210,7 +210,9 @@ bool USBConn::transfer(UsbDBufferList *request)
             if (physicalCall && error == ENOTTY) {
                 // The endpoint driver has no physical-address request (a stock FunctionFS). It
                 // wrote nothing, so the same bytes go out through writev from the mapping, and
-                // the driver is not asked again.
+                // the driver is not asked again. Found out here rather than by a probe at
+                // start-up: the only probe is a real request, which before a host enables the
+                // function would block, and afterwards would send bytes nobody asked for.
                 qCWarning(lcUsbConn) << "ioctl() failed:" << error
                                      << "- sending by virtual address from now on";
                 physicalTransfers_ = false;

@@ -1,13 +1,15 @@
 #include "iosconn.h"
 
+#include <time.h>
+
 #include <cstring>
 #include <vector>
 
 #include <QDebug>
-#include <QThread>
 
 #include <libiosconn.h>
 
+#include "blockingcalls.h"
 #include "logging.h"
 #include "usbdbuffer.h"
 #include "usbdbufferlist.h"
@@ -17,6 +19,17 @@ namespace {
 // The last argument of the library's send calls; its meaning is the library's.
 constexpr int kMfiSendFlags = 1;
 constexpr int kMfiRecordFlags = 10;
+
+// One record call, which a client's interrupt can end (or keep from starting).
+template <typename Send>
+int sendRecord(Send send)
+{
+    auto &calls = transferthread::calls();
+    calls.enter(BlockingCalls::kOtherCall);
+    const int result = transferthread::interrupted() ? -1 : send();
+    calls.leave();
+    return transferthread::interrupted() ? -1 : result;
+}
 
 } // namespace
 
@@ -71,7 +84,8 @@ bool IOSConn::transfer(UsbDBufferList *request)
 
 bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset)
 {
-    if (!buffer->map()) {
+    // A null address would make the frames below send zeros instead of the data.
+    if (!buffer->map() || (buffer->size() != 0 && buffer->virtualAddress() == nullptr)) {
         qWarning() << "failed to map buffer";
         return false;
     }
@@ -85,21 +99,51 @@ bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset
     header.total = total;
     header.sessionId = buffer->sessionId();
 
-    const uchar *data = buffer->virtualAddress() + buffer->offset();
+    if (!sendFrames(&header, buffer->virtualAddress() + buffer->offset(), size, requestOffset))
+        return false;
+
+    // Padding goes out in frames like data, from the one zero block, so that however much a
+    // client asks for costs no memory and every byte accepted is sent or the request fails.
+    if (padding != 0 && !sendFrames(&header, nullptr, padding, requestOffset))
+        return false;
+    return true;
+}
+
+bool IOSConn::sendFrames(MfiFrameHeader *header, const uchar *data, quint32 size,
+                         quint32 &requestOffset)
+{
+    static const uchar kZeros[kMfiMaxFramePayload] = {};
+    auto &calls = transferthread::calls();
     quint32 remaining = size;
     int failures = 0;
     while (remaining != 0) {
-        const uchar *payload = data + (size - remaining);
+        const uchar *payload = data ? data + (size - remaining) : kZeros;
         const quint32 frameLength = qMin(remaining, kMfiMaxFramePayload);
-        header.offset = requestOffset;
-        header.length = frameLength;
-        const int result = iosconn_send_with_header(kMfiLinkId, &header, int(sizeof(header)),
-                                                    payload, int(frameLength), kMfiSendFlags);
+        header->offset = requestOffset;
+        header->length = frameLength;
+        // A client's interrupt ends the transfer, also between retries: the retry rule is for
+        // a link that is busy, not for a request its client no longer wants.
+        calls.enter(BlockingCalls::kOtherCall);
+        const bool interrupted = transferthread::interrupted();
+        const int result = interrupted ? -1
+                                       : iosconn_send_with_header(kMfiLinkId, header, int(sizeof(*header)),
+                                                                  payload, int(frameLength), kMfiSendFlags);
+        calls.leave();
+        if (interrupted || transferthread::interrupted()) {
+            qCWarning(lcIosConn) << "transfer interrupted";
+            return false;
+        }
         // In 64 bits: a library result near INT_MIN must not wrap into a large success.
         const qint64 written = qint64(result) - kMfiFrameHeaderSize;
-        qCDebug(lcIosConn) << "MFI send data" << "remaining:" << remaining
-                           << "current frame size:" << frameLength << "bytes_written" << written;
-        if (written >= 0) {
+        if (data)
+            qCDebug(lcIosConn) << "MFI send data" << "remaining:" << remaining
+                               << "current frame size:" << frameLength << "bytes_written" << written;
+        else
+            qCDebug(lcIosConn) << "write aligned padding size" << result;
+        // A frame of which nothing was taken (the library's "busy": just the header's 32) is
+        // not progress either: it counts as a failed attempt, so a link that stays busy ends
+        // the transfer instead of spinning.
+        if (written > 0) {
             // A library that reports more than it was given must not move us past the frame.
             const quint32 accepted = qMin(quint32(written), frameLength);
             remaining -= accepted;
@@ -109,23 +153,19 @@ bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset
         }
         if (failures == kMfiMaxRetries) {
             qCDebug(lcIosConn) << "send error, ret value =" << written;
+            qCWarning(lcIosConn) << "frame not taken after" << kMfiMaxRetries + 1
+                                 << "attempts: transfer failed";
             return false;
         }
         ++failures;
-        QThread::usleep(kMfiRetryDelayUs);
+        // The wait is one bracketed call, so an interrupt ends it at once.
+        const timespec delay{0, long(kMfiRetryDelayUs) * 1000};
+        calls.enter(BlockingCalls::kOtherCall);
+        if (!transferthread::interrupted())
+            nanosleep(&delay, nullptr);
+        calls.leave();
         qCDebug(lcIosConn) << "MFI usb data send err,ret value =" << written << "retry for" << failures
                            << "times";
-    }
-
-    if (padding != 0) {
-        // One frame, not retried: its outcome does not change the request's.
-        const std::vector<uchar> zeros(padding, 0);
-        header.offset = requestOffset;
-        header.length = padding;
-        const int result = iosconn_send_with_header(kMfiLinkId, &header, int(sizeof(header)),
-                                                    zeros.data(), int(padding), kMfiSendFlags);
-        requestOffset += padding;
-        qCDebug(lcIosConn) << "write aligned padding size" << result;
     }
     return true;
 }
@@ -148,7 +188,7 @@ bool IOSConn::transfer(UsbDBufferPath *buffer, quint32 total, quint32 &requestOf
     record->pathLength = quint16(path.size());
     memcpy(storage.data() + offsetof(MfiFileRecord, path), path.constData(), size_t(path.size()));
 
-    if (iosconn_send_file(kMfiLinkId, record, kMfiRecordFlags) <= 0) {
+    if (sendRecord([record] { return iosconn_send_file(kMfiLinkId, record, kMfiRecordFlags); }) <= 0) {
         qWarning("failed send file\n");
         return false;
     }
@@ -167,7 +207,7 @@ bool IOSConn::transfer(UsbDBufferArvoHandle *buffer, quint32 total, quint32 &req
     record.sessionId = buffer->sessionId();
     record.handle = buffer->handle();
 
-    if (iosconn_send_shm(kMfiLinkId, &record, kMfiRecordFlags) <= 0) {
+    if (sendRecord([&record] { return iosconn_send_shm(kMfiLinkId, &record, kMfiRecordFlags); }) <= 0) {
         qWarning("failed send shm\n");
         return false;
     }

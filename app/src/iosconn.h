@@ -68,4 +68,7 @@ private:
     bool transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset);
     bool transfer(UsbDBufferPath *buffer, quint32 total, quint32 &requestOffset);
     bool transfer(UsbDBufferArvoHandle *buffer, quint32 total, quint32 &requestOffset);
+    // Sends `size` bytes from `data` (zeros when null) in frames behind `header`, moving the
+    // request offset on by what the library takes; retries a frame under the retry rule.
+    bool sendFrames(MfiFrameHeader *header, const uchar *data, quint32 size, quint32 &requestOffset);
 };

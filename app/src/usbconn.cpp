@@ -5,28 +5,22 @@
 #include <sys/uio.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <limits>
 
 #include <QDebug>
 #include <QList>
 
+#include "blockingcalls.h"
 #include "logging.h"
 #include "usbdbuffer.h"
 #include "usbdbufferlist.h"
 
 namespace {
 
-// Padding blocks up to this size come from the heap; larger ones are mapped (see ZeroBlock).
-constexpr quint64 kHeapZeroBlockMax = 64 * 1024;
-
 // One piece of a request: a buffer's data, or the padding after it.
 struct Segment {
     const uchar *start;
-    quint64 paddingOffset; // padding only: where its bytes lie in the zero block
     quint32 length;
     quint32 physicalAddress; // 0 = none
-    bool padding;
 };
 
 // Where the next byte to send lies: a segment and how much of it has gone out.
@@ -35,49 +29,34 @@ struct Position {
     quint32 sent = 0;
 };
 
-// Zero bytes for a whole request's padding, one distinct range per padding segment. Large
-// blocks are a read-only anonymous mapping: every page of it maps the kernel's shared zero page,
-// so even gigabytes of padding cost neither memory nor time to clear.
-class ZeroBlock {
-public:
-    ZeroBlock() = default;
-    ZeroBlock(const ZeroBlock &) = delete;
-    ZeroBlock &operator=(const ZeroBlock &) = delete;
-    ~ZeroBlock()
-    {
-        if (mapped_)
-            ::munmap(data_, size_);
-        else
-            std::free(data_);
-    }
+// The zero bytes every padding entry points into: one read-only anonymous mapping of the
+// largest call, made once and kept for the life of the process. Every page of it maps the kernel's shared zero page, so it costs
+// no memory, and however much padding a request asks for, no entry of one call is longer than
+// the call. Entries of one call may share its bytes; writev only reads them.
+const uchar *zeroBlock()
+{
+    static const uchar *const block = [] {
+        void *mapping = ::mmap(nullptr, kUsbMaxBytesPerCall, PROT_READ,
+                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        return mapping == MAP_FAILED ? nullptr : static_cast<const uchar *>(mapping);
+    }();
+    return block;
+}
 
-    bool allocate(quint64 size)
-    {
-        if (size == 0)
-            return true;
-        if (size > std::numeric_limits<size_t>::max())
-            return false;
-        size_ = size_t(size);
-        if (size <= kHeapZeroBlockMax) {
-            data_ = std::calloc(size_, 1);
-            return data_ != nullptr;
-        }
-        void *block = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
-                             -1, 0);
-        if (block == MAP_FAILED)
-            return false;
-        data_ = block;
-        mapped_ = true;
+// Why the request must end now although its last call succeeded or was merely interrupted: a
+// client's interrupt, or the host went away. Logged once, when it ends the transfer.
+bool transferEnded()
+{
+    if (transferthread::interrupted()) {
+        qCWarning(lcUsbConn) << "transfer interrupted";
         return true;
     }
-
-    const uchar *data() const { return static_cast<const uchar *>(data_); }
-
-private:
-    void *data_ = nullptr;
-    size_t size_ = 0;
-    bool mapped_ = false;
-};
+    if (!transferthread::usbInEnabled()) {
+        qCWarning(lcUsbConn) << "transfer ended: the USB function is not enabled";
+        return true;
+    }
+    return false;
+}
 
 // Moves a position on by count bytes, past every segment that is then complete.
 void advance(const Segment *segments, int segmentCount, Position *position, quint64 count)
@@ -138,7 +117,6 @@ bool USBConn::transfer(UsbDBufferList *request)
     // cannot be sent whole leaves nothing half-sent on the wire.
     Segment segments[kUsbMaxSegments];
     int segmentCount = 0;
-    quint64 paddingUsed = 0;
     quint64 total = 0;
     for (UsbDBuffer *buffer : buffers) {
         const quint32 padding = buffer ? buffer->elementPadding() : 0;
@@ -152,33 +130,22 @@ bool USBConn::transfer(UsbDBufferList *request)
         const quint32 physical = buffer->physicalAddress();
         Segment &data = segments[segmentCount++];
         data.start = buffer->virtualAddress() + buffer->offset();
-        data.paddingOffset = 0;
         data.length = buffer->size();
         data.physicalAddress = physical != 0 ? physical + buffer->offset() : 0;
-        data.padding = false;
         total += data.length;
 
         if (padding != 0) {
             Segment &pad = segments[segmentCount++];
-            pad.start = nullptr;
-            pad.paddingOffset = paddingUsed;
+            pad.start = nullptr; // every entry of it starts at the zero block
             pad.length = padding;
             pad.physicalAddress = 0;
-            pad.padding = true;
-            paddingUsed += padding;
             total += padding;
         }
     }
-
-    // Sized for the whole request so that no two padding segments share bytes.
-    ZeroBlock zeroBlock;
-    if (!zeroBlock.allocate(paddingUsed)) {
-        qCWarning(lcUsbConn) << "cannot allocate" << paddingUsed << "bytes of padding";
+    const uchar *zeros = zeroBlock();
+    if (zeros == nullptr) {
+        qCWarning(lcUsbConn) << "cannot map the zero block for padding";
         return false;
-    }
-    for (int i = 0; i < segmentCount; ++i) {
-        if (segments[i].padding)
-            segments[i].start = zeroBlock.data() + segments[i].paddingOffset;
     }
 
     size_t maxEntries = 0;
@@ -193,13 +160,14 @@ bool USBConn::transfer(UsbDBufferList *request)
         iovec entries[kUsbMaxSegments];
         quint32 entryPhysical[kUsbMaxSegments];
         int count = 0;
-        quint64 budget = qMin<quint64>(remaining, kUsbMaxBytesPerCall);
+        quint64 budget = qMin<quint64>(remaining, callLimit_);
         quint64 callLength = 0;
         Position fill = position;
         while (budget != 0 && fill.segment < segmentCount) {
             const Segment &segment = segments[fill.segment];
             const quint32 length = quint32(qMin<quint64>(segment.length - fill.sent, budget));
-            entries[count].iov_base = const_cast<uchar *>(segment.start + fill.sent);
+            const uchar *start = segment.start ? segment.start + fill.sent : zeros;
+            entries[count].iov_base = const_cast<uchar *>(start);
             entries[count].iov_len = length;
             entryPhysical[count] = segment.physicalAddress != 0
                                        ? segment.physicalAddress + fill.sent : 0;
@@ -213,30 +181,67 @@ bool USBConn::transfer(UsbDBufferList *request)
             }
         }
 
+        const bool physicalCall = count == 1 && physicalTransfers_ && entryPhysical[0] != 0;
+        auto &calls = transferthread::calls();
+        calls.enter(BlockingCalls::kUsbInCall);
+        // Read after entering: either the flag is seen here or the thread that sets it sees
+        // this call and signals it.
+        if (transferEnded()) {
+            calls.leave();
+            return false;
+        }
         ssize_t written;
-        if (count == 1 && physicalTransfers_ && entryPhysical[0] != 0) {
+        if (physicalCall) {
             UsbPhysTransfer record;
             record.physicalAddress = entryPhysical[0];
             record.length = quint32(entries[0].iov_len);
             written = ::ioctl(endpointFd_, kUsbPhysTransferIoctl, &record);
-            if (written < 0) {
-                const int error = errno;
-                qCWarning(lcUsbConn) << "ioctl() failed:" << error;
-                return false;
-            }
-            physBytes += size_t(written);
-            ++physCalls;
         } else {
             maxEntries = qMax(maxEntries, size_t(count));
             virtEntries += size_t(count);
             written = ::writev(endpointFd_, entries, count);
-            if (written < 0) {
-                const int error = errno;
-                qCWarning(lcUsbConn) << "writev() failed:" << error;
-                return false;
+        }
+        const int error = errno;
+        calls.leave();
+
+        if (written < 0) {
+            if (error == EINTR && !transferthread::interrupted() && transferthread::usbInEnabled())
+                continue; // a signal meant for no transfer: the same bytes again
+            if (physicalCall && error == ENOTTY) {
+                // The endpoint driver has no physical-address request (a stock FunctionFS). It
+                // wrote nothing, so the same bytes go out through writev from the mapping, and
+                // the driver is not asked again. Found out here rather than by a probe at
+                // start-up: the only probe is a real request, which before a host enables the
+                // function would block, and afterwards would send bytes nobody asked for.
+                qCWarning(lcUsbConn) << "ioctl() failed:" << error
+                                     << "- sending by virtual address from now on";
+                physicalTransfers_ = false;
+                continue;
             }
+            if (error == ENOMEM && callLength > kUsbMinBytesPerCall) {
+                // The driver copies each call into one contiguous kernel buffer, and not every
+                // controller gets one of this size: smaller calls, kept for later requests.
+                callLimit_ = qMax<quint64>(kUsbMinBytesPerCall, callLength / 2);
+                qCDebug(lcUsbConn) << (physicalCall ? "ioctl()" : "writev()") << "of" << callLength
+                                   << "bytes failed with ENOMEM; calls of at most" << callLimit_
+                                   << "bytes from now on";
+                continue;
+            }
+            if (error == EINTR)
+                transferEnded(); // says why
+            qCWarning(lcUsbConn) << (physicalCall ? "ioctl() failed:" : "writev() failed:") << error;
+            return false;
+        }
+        if (physicalCall) {
+            physBytes += size_t(written);
+            ++physCalls;
+        } else {
             virtBytes += size_t(written);
         }
+        // Even a complete call does not count once the transfer was ended meanwhile: an
+        // interrupted call may report the part it took as if nothing happened.
+        if (quint64(written) < callLength && transferEnded())
+            return false;
 
         // A short write is continued at the first byte not taken. A call that takes nothing
         // (or claims more than it was given) would make that loop spin or run off the request.

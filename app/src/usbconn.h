@@ -8,6 +8,8 @@
 constexpr int kUsbMaxSegments = 32;
 // Most bytes handed to the endpoint in one system call.
 constexpr quint32 kUsbMaxBytesPerCall = 0x800000;
+// Smallest call the transport falls back to when the endpoint cannot take larger ones (ENOMEM).
+constexpr quint32 kUsbMinBytesPerCall = 16384;
 // The platform FunctionFS driver's endpoint request: send from a physical address, _IO('g', 6).
 constexpr unsigned long kUsbPhysTransferIoctl = 0x6706;
 
@@ -33,5 +35,8 @@ public:
 
 private:
     int endpointFd_;
+    // Cleared for good when the endpoint driver turns out to lack the physical-address request.
     bool physicalTransfers_;
+    // Most bytes per call; lowered for good when the endpoint cannot take a call of this size.
+    quint64 callLimit_ = kUsbMaxBytesPerCall;
 };

@@ -158,9 +158,9 @@ void UsbD::setUsbSuperSpeed(bool superSpeed)
     emit usbSuperSpeedChanged(superSpeed);
 }
 
-void UsbD::open_file(const QString &file_name, int size)
+void UsbD::open_file(const QString &file_name, int size, uint time_ms)
 {
-    auto *worker = new usbd_worker(ep1_, file_name, size, nullptr);
+    auto *worker = new usbd_worker(ep1_, file_name, size, time_ms, nullptr);
     auto *thread = new QThread(nullptr);
     worker->moveToThread(thread);
     connect(thread, &QThread::started, worker, &usbd_worker::process);

@@ -1,16 +1,21 @@
 #include "usbdatain.h"
 
-#include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
+#include <thread>
 
 #include <QDebug>
 #include <QFile>
 
+#include "blockingcalls.h"
 #include "conn.h"
 #include "logging.h"
 #include "usbdbufferlist.h"
@@ -20,22 +25,110 @@ namespace {
 // Most bytes taken from the OUT endpoint per read.
 constexpr qint64 kReceiveChunk = 1024 * 1024;
 
-// The thread that runs the transfer loop, for interrupt(). One per process: the socket server
-// signals "the" transfer thread. The mutex makes sure a thread is signalled only while it is
-// recorded, i.e. after its SIGUSR1 handler exists and before it ends.
-std::mutex transferThreadMutex;
-bool transferThreadRecorded = false;
-pthread_t transferThreadId;
+// Receives on the one OUT endpoint are served one at a time, in the order asked: two readers
+// at once would split the host's stream between two files. A receive that gives up before its
+// turn leaves its place, so the ones behind it are not held up.
+class ReceiveTurns {
+public:
+    using Deadline = std::optional<std::chrono::steady_clock::time_point>;
 
-// Does nothing: its only purpose is that SIGUSR1 interrupts the transport's blocking call with
-// EINTR (no SA_RESTART) instead of ending the process.
-void onInterruptSignal(int)
-{
-}
+    uint64_t take()
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return next_++;
+    }
 
-// Receives on the one OUT endpoint are taken one after another: two readers at once would
-// split the host's stream between two files.
-std::mutex receiveMutex;
+    // False when the deadline passed first; the turn is then given up.
+    bool wait(uint64_t ticket, const Deadline &deadline)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        const auto ready = [&] { return serving_ == ticket; };
+        if (!deadline) {
+            turn_.wait(lock, ready);
+            return true;
+        }
+        if (turn_.wait_until(lock, *deadline, ready))
+            return true;
+        abandoned_.insert(ticket);
+        return false;
+    }
+
+    void done(uint64_t ticket)
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        passLocked(ticket);
+    }
+
+    // For a receive that never ran: its place is passed over.
+    void abandon(uint64_t ticket)
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (serving_ == ticket)
+            passLocked(ticket);
+        else
+            abandoned_.insert(ticket);
+    }
+
+private:
+    void passLocked(uint64_t ticket)
+    {
+        serving_ = ticket + 1;
+        while (abandoned_.erase(serving_) != 0)
+            ++serving_;
+        turn_.notify_all();
+    }
+
+public:
+
+private:
+    std::mutex mutex_;
+    std::condition_variable turn_;
+    uint64_t next_ = 0;     // guarded by mutex_
+    uint64_t serving_ = 0;  // guarded by mutex_
+    std::set<uint64_t> abandoned_; // guarded by mutex_
+};
+
+ReceiveTurns receiveTurns;
+
+// Ends a receive's blocking reads at its deadline: sets the flag that the reader checks around
+// every read, then signals the reader out of the read it is in.
+class ReceiveDeadline {
+public:
+    ReceiveDeadline(BlockingCalls *calls, const ReceiveTurns::Deadline &deadline) : calls_(calls)
+    {
+        if (deadline)
+            watcher_ = std::thread([this, when = *deadline] { watch(when); });
+    }
+    ~ReceiveDeadline()
+    {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            finished_ = true;
+        }
+        changed_.notify_all();
+        if (watcher_.joinable())
+            watcher_.join();
+    }
+    bool passed() const { return passed_.load(); }
+
+private:
+    void watch(std::chrono::steady_clock::time_point when)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (changed_.wait_until(lock, when, [this] { return finished_; }))
+            return;
+        lock.unlock();
+        passed_.store(true);
+        calls_->kick(BlockingCalls::kAnyCall, [] { return true; });
+    }
+
+    BlockingCalls *calls_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool finished_ = false; // guarded by mutex_
+    std::atomic<bool> passed_{false};
+    std::thread watcher_;
+};
 
 } // namespace
 
@@ -93,9 +186,7 @@ void UsbDataIn::setLinkType(OstrTypes::E_LinkType linkType)
 
 void UsbDataIn::interrupt()
 {
-    std::lock_guard<std::mutex> guard(transferThreadMutex);
-    if (transferThreadRecorded)
-        pthread_kill(transferThreadId, SIGUSR1);
+    transferthread::interrupt();
 }
 
 void UsbDataIn::quit()
@@ -108,22 +199,7 @@ void UsbDataIn::quit()
 
 void UsbDataIn::process()
 {
-    // The handler must exist before the thread can be signalled: SIGUSR1's default action
-    // would end the process.
-    struct sigaction action = {};
-    action.sa_handler = onInterruptSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;
-    sigaction(SIGUSR1, &action, nullptr);
-    sigset_t interruptSet;
-    sigemptyset(&interruptSet);
-    sigaddset(&interruptSet, SIGUSR1);
-    pthread_sigmask(SIG_UNBLOCK, &interruptSet, nullptr);
-    {
-        std::lock_guard<std::mutex> guard(transferThreadMutex);
-        transferThreadId = pthread_self();
-        transferThreadRecorded = true;
-    }
+    transferthread::calls().attach();
 
     pthread_mutex_lock(&lock_);
     while (!quitting_) {
@@ -138,6 +214,7 @@ void UsbDataIn::process()
 
             timespec start;
             clock_gettime(CLOCK_MONOTONIC, &start);
+            transferthread::beginTransfer();
             bool sent = false;
             for (Conn *connection : qAsConst(connections_)) {
                 if (connection->supportsLinkType(linkType) && connection->transfer(request)) {
@@ -145,6 +222,7 @@ void UsbDataIn::process()
                     break;
                 }
             }
+            transferthread::endTransfer();
             if (sent) {
                 timespec end;
                 clock_gettime(CLOCK_MONOTONIC, &end);
@@ -164,20 +242,50 @@ void UsbDataIn::process()
     }
     pthread_mutex_unlock(&lock_);
 
-    std::lock_guard<std::mutex> guard(transferThreadMutex);
-    if (transferThreadRecorded && pthread_equal(transferThreadId, pthread_self()))
-        transferThreadRecorded = false;
+    transferthread::calls().detach();
 }
 
 usbd_worker::usbd_worker(int descriptor, const QString &path, int size, QObject *parent)
-    : QObject(parent), descriptor_(descriptor), path_(path), size_(size)
+    : usbd_worker(descriptor, path, size, 0, parent)
 {
+}
+
+usbd_worker::usbd_worker(int descriptor, const QString &path, int size, uint timeMs,
+                         QObject *parent)
+    : QObject(parent),
+      descriptor_(descriptor),
+      path_(path),
+      size_(size),
+      timeMs_(timeMs),
+      asked_(std::chrono::steady_clock::now()),
+      // Taken here, in the order the receives are asked for; their threads may start in any.
+      ticket_(receiveTurns.take())
+{
+}
+
+usbd_worker::~usbd_worker()
+{
+    if (!processed_)
+        receiveTurns.abandon(ticket_);
 }
 
 void usbd_worker::process()
 {
+    ReceiveTurns::Deadline deadline;
+    if (timeMs_ > 0)
+        deadline = asked_ + std::chrono::milliseconds(timeMs_);
+    processed_ = true;
+    const uint64_t ticket = ticket_;
+    if (!receiveTurns.wait(ticket, deadline)) {
+        qCWarning(lcUsbd).noquote() << "file receive timed out waiting for the endpoint:" << path_;
+        emit finished();
+        return;
+    }
+
+    BlockingCalls calls;
+    calls.attach();
     {
-        std::lock_guard<std::mutex> guard(receiveMutex);
+        ReceiveDeadline timer(&calls, deadline);
 
         // Opening creates or truncates the file even when nothing is to be received.
         QFile file(path_);
@@ -189,13 +297,17 @@ void usbd_worker::process()
         if (size_ > 0) {
             std::unique_ptr<char[]> buffer(new char[kReceiveChunk]);
             bool writeFailed = !opened;
-            while (received < size_) {
-                const ssize_t count
-                    = ::read(descriptor_, buffer.get(), size_t(qMin(qint64(size_) - received, kReceiveChunk)));
+            while (received < size_ && !timer.passed()) {
+                calls.enter(BlockingCalls::kAnyCall);
+                const ssize_t count = timer.passed() ? -1
+                    : ::read(descriptor_, buffer.get(), size_t(qMin(qint64(size_) - received, kReceiveChunk)));
+                const int error = errno;
+                calls.leave();
                 if (count < 0) {
-                    if (errno == EINTR)
+                    if (timer.passed())
+                        break;
+                    if (error == EINTR)
                         continue;
-                    const int error = errno;
                     qCWarning(lcUsbd) << "read() failed:" << error;
                     break;
                 }
@@ -209,11 +321,16 @@ void usbd_worker::process()
                 }
                 received += count;
             }
-            if (received < size_)
+            if (received < size_ && timer.passed())
+                qCWarning(lcUsbd, "file receive timed out: got %lld of %d bytes",
+                          static_cast<long long>(received), size_);
+            else if (received < size_)
                 qCWarning(lcUsbd, "file receive ended early: got %lld of %d bytes",
                           static_cast<long long>(received), size_);
         }
         file.close();
     }
+    calls.detach();
+    receiveTurns.done(ticket);
     emit finished();
 }

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <chrono>
+
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -20,8 +22,9 @@ public:
     explicit UsbDataIn(const QList<Conn *> &connections);
     ~UsbDataIn() override;
 
-    // Sends SIGUSR1 to the transfer thread so that a blocking transport call returns with EINTR.
-    // Does nothing before the worker has started.
+    // Ends the request in progress: it fails, whatever its transport call returns. Signals the
+    // transfer thread (SIGUSR1) until it has left its blocking call, for at most about 200 ms.
+    // Does nothing while no request is in progress, in particular before the worker starts.
     void interrupt();
 
     // Makes process() return once the request in flight (if any) is complete; the daemon never
@@ -48,6 +51,10 @@ class usbd_worker : public QObject {
     Q_OBJECT
 public:
     usbd_worker(int descriptor, const QString &path, int size, QObject *parent);
+    // timeMs > 0: the receive ends, and gives up the endpoint, that many milliseconds after
+    // this construction, whether it is still waiting for its turn or reading.
+    usbd_worker(int descriptor, const QString &path, int size, uint timeMs, QObject *parent);
+    ~usbd_worker() override;
 
 public slots:
     void process();
@@ -59,4 +66,8 @@ private:
     int descriptor_;
     QString path_;
     int size_;
+    uint timeMs_ = 0;
+    std::chrono::steady_clock::time_point asked_;
+    uint64_t ticket_; // place among the receives on the endpoint
+    bool processed_ = false;
 };

@@ -92,7 +92,10 @@ bool UsbDBufferPath::map()
     unmapAndClose();
 
     const QByteArray encodedPath = path_.toUtf8();
-    fd_.reset(::open(encodedPath.constData(), O_RDONLY | O_CLOEXEC));
+    // O_NONBLOCK: opening a FIFO without a writer (or some device nodes) would otherwise block
+    // the transfer thread, and every request behind it, for good. It changes nothing for the
+    // regular files that are all this buffer may name.
+    fd_.reset(::open(encodedPath.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!fd_.valid()) {
         qWarning().noquote() << "file not found: " + path_;
         return false;
@@ -101,6 +104,11 @@ bool UsbDBufferPath::map()
     struct stat st;
     if (::fstat(fd_.get(), &st) < 0) {
         qWarning() << "stat() failed";
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        qCWarning(lcUsbdBuffer).noquote() << "not a regular file: " + path_;
+        unmapAndClose();
         return false;
     }
     if (st.st_size < 0 || quint64(st.st_size) > std::numeric_limits<size_t>::max()) {

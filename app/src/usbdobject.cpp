@@ -71,9 +71,10 @@ void UsbdObjectImpl::handle_close_file(const QDBusMessage &)
     usbd_->close_file();
 }
 
-void UsbdObjectImpl::handle_open_file(const QString &file_name, int size, uint, const QDBusMessage &)
+void UsbdObjectImpl::handle_open_file(const QString &file_name, int size, uint time_ms,
+                                      const QDBusMessage &)
 {
-    usbd_->open_file(file_name, size);
+    usbd_->open_file(file_name, size, time_ms);
 }
 
 void UsbdObjectImpl::handle_send_data(const QByteArray &usb_data, uchar usb_data_len,

@@ -12,6 +12,7 @@
 
 #include <usbd/unique_fd.h>
 
+#include "blockingcalls.h"
 #include "logging.h"
 #include "paths.h"
 
@@ -106,6 +107,12 @@ void UsbEp0::process()
 
 void UsbEp0::handleEvent(quint8 type)
 {
+    // First of all, before the link type can follow: only ENABLE means a host reads the bulk IN
+    // endpoint. After any other event a write there would wait for whichever host comes next and
+    // hand it bytes meant for this one, so the write in progress is ended and later ones fail
+    // at once until the host enables the function again.
+    transferthread::setUsbInEnabled(type == kEnable);
+
     link_ = linkForEvent(type);
 
     const QStringList controllers =

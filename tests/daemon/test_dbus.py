@@ -215,23 +215,51 @@ class UsbdOverDBus(DaemonTestCase):
         self.assertIsNone(Call(self.usbd.send_data, dbus.ByteArray(payload), dbus.Byte(255)).wait().error)
         wait_for(lambda: self.emu.capture() == payload, what="the capture")
 
-    def test_queued_request_is_dropped_unanswered_when_the_cable_goes(self):
-        # The worker is held in the open() of a FIFO without a writer, so the next request stays
-        # in the queue for certain while the cable goes.
-        os.mkfifo(self.emu.inside("/tmp/held"))
+    def test_cable_pull_ends_every_request_for_the_old_host(self):
+        # The host stops reading: the first request waits in its write, the others in the queue.
         self.plug()
-        held = Call(self.usbd.send_file, file_list(file_map("/tmp/held", size=1)))
-        time.sleep(0.5)
-        queued = Call(self.usbd.send_data, dbus.ByteArray(b"late"), dbus.Byte(4), timeout=4)
+        self.emu.ctl("stall")
+        in_flight = Call(self.usbd.send_data, dbus.ByteArray(b"A" * 200), dbus.Byte(200))
+        pump(lambda: self.emu.endpoint("ep3")["waiting"] >= 1, what="the held write")
+        queued = [Call(self.usbd.send_data, dbus.ByteArray(b"B%d" % i), dbus.Byte(2), timeout=2)
+                  for i in range(5)]
         time.sleep(0.2)
+        pulled = time.monotonic()
         self.emu.ctl("unplug")
         self.expect_change("link_type", 0)
-        os.close(os.open(self.emu.inside("/tmp/held"), os.O_WRONLY))  # lets the worker go on
-        self.assertEqual(held.wait().error_name, FAILED)
-        self.assertEqual(queued.wait(10).error_name, "org.freedesktop.DBus.Error.NoReply")
-        self.plug()
+        self.assertEqual(in_flight.wait().error_name, FAILED)
+        # Each waiting request fails at once or is dropped unanswered by the link change; none
+        # waits for the next host.
+        for call in queued:
+            self.assertIn(call.wait(10).error_name, (FAILED, "org.freedesktop.DBus.Error.NoReply"))
+        self.assertLess(time.monotonic() - pulled, 6)
+        # Unbound, the link type says USB but no host is there: a send fails, it does not wait.
+        self.emu.ctl("event", "unbind")
+        self.expect_change("link_type", 1)
+        self.emu.ctl("release")
+        self.assertEqual(Call(self.usbd.send_data, dbus.ByteArray(b"C"), dbus.Byte(1),
+                              timeout=5).wait(10).error_name, FAILED)
+        # The next host gets only what was asked for after it came.
+        self.emu.ctl("plug")
+        wait_for(lambda: self.prop("link_type") == 1, what="link type 1")
         self.assertIsNone(Call(self.usbd.send_data, dbus.ByteArray(b"next"), dbus.Byte(4)).wait().error)
-        wait_for(lambda: self.emu.capture() == b"next", what="the capture")
+        time.sleep(0.3)
+        self.assertEqual(self.emu.capture(), b"next")
+
+    def test_only_regular_files_are_sent_and_nothing_blocks(self):
+        os.mkfifo(self.emu.inside("/tmp/fifo"))
+        self.write_inside("/tmp/ok.bin", b"regular")
+        self.plug()
+        for path in ("/tmp/fifo", "/dev/null", "/tmp"):
+            call = Call(self.usbd.send_file, file_list(file_map(path, size=1)), timeout=5).wait(10)
+            self.assertEqual(call.error_name, FAILED, path)
+        # Padding and sizes are unsigned 32-bit counts: negative ones are refused as sent.
+        call = Call(self.usbd.send_file, file_list(file_map("/tmp/ok.bin", size=7, padding=-1)),
+                    timeout=5).wait(10)
+        self.assertEqual(call.error_name, FAILED)
+        self.assertIsNone(Call(self.usbd.send_file, file_list(file_map("/tmp/ok.bin", size=7)),
+                               timeout=5).wait(10).error)
+        wait_for(lambda: self.emu.capture() == b"regular", what="the capture")
 
     def test_shared_memory_by_physical_address(self):
         size = 20 * 1024 * 1024
@@ -275,6 +303,28 @@ class UsbdOverDBus(DaemonTestCase):
                  what="the received file")
         with open(self.emu.inside("/tmp/received.bin"), "rb") as f:
             self.assertEqual(f.read(), data)
+
+
+    def test_receives_are_served_in_order_and_a_timed_out_one_lets_go(self):
+        self.plug()
+        first, second, third = (f"/tmp/r{i}.bin" for i in range(3))
+        self.usbd.open_file(first, 100, 300)  # its host never sends 100 bytes
+        self.usbd.open_file(second, 5, 0)
+        self.usbd.open_file(third, 3, 0)
+        time.sleep(0.8)
+        self.emu.ctl("ep1-push", "-", input=b"hello")
+        self.emu.ctl("ep1-push", "-", input=b"abc")
+
+        def content(path):
+            try:
+                with open(self.emu.inside(path), "rb") as f:
+                    return f.read()
+            except FileNotFoundError:
+                return None
+        wait_for(lambda: content(third) == b"abc", timeout=5, what="the third file")
+        self.assertEqual(content(second), b"hello")
+        self.assertEqual(content(first), b"")
+        self.emu.wait_log("file receive timed out")
 
 
 if __name__ == "__main__":

@@ -12,7 +12,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "daemon"))
 
 import dbus  # noqa: E402
 
-from test_dbus import file_list, file_map, shm_map  # noqa: E402
+from test_dbus import FAILED, Call, file_list, file_map, pump, shm_map  # noqa: E402
 from usbdtest import DaemonTestCase, OBJECT_PATH, SERVICE, wait_for  # noqa: E402
 
 
@@ -79,6 +79,28 @@ class IosLink(DaemonTestCase):
         self.assertEqual(shms, [(4100, 0, 0, 4096, 4, 9, handle), (106, 6, 4096, 100, 0, 0, handle)])
         ep3 = self.emu.endpoint("ep3")
         self.assertEqual((ep3["bytes"], ep3["writes"], ep3["ioctls"]), (0, 0, 0))
+
+    def test_usb_pull_as_the_ios_link_takes_over_holds_nothing_up(self):
+        # A USB host that stops reading holds one write; then the controller is unbound (DISABLE,
+        # then UNBIND, which counts as link up) and an iOS device comes.
+        self.emu.ctl("plug")
+        self.link(1)
+        self.emu.ctl("stall")
+        held = Call(self.usbd.send_data, dbus.ByteArray(b"A" * 100), dbus.Byte(100))
+        pump(lambda: self.emu.endpoint("ep3")["waiting"] >= 1, what="the held write")
+        self.emu.ctl("unplug")
+        self.assertEqual(held.wait().error_name, FAILED)
+        self.emu.ctl("event", "unbind")
+        self.link(1)
+        # No host reads the endpoint: the send fails instead of waiting for one.
+        unbound = Call(self.usbd.send_data, dbus.ByteArray(b"B"), dbus.Byte(1), timeout=4)
+        self.emu.ctl("ios", "mfi")
+        self.link(2)
+        self.assertEqual(unbound.wait(10).error_name, FAILED)
+        # Nothing meant for the USB host holds the iOS link up.
+        self.assertIsNone(Call(self.usbd.send_data, dbus.ByteArray(b"ios"), dbus.Byte(3),
+                               timeout=5).wait(10).error)
+        self.at_peer(b"ios")
 
     def test_transfers_follow_the_link(self):
         self.emu.ctl("plug")

@@ -56,7 +56,7 @@ class Emulator:
         args += ["--"] + (command or [USBD])
         run_env = dict(os.environ)
         if log_debug:
-            run_env["QT_LOGGING_RULES"] = "usbd.debug=true;usbconn.debug=true;usbdsocket.debug=true"
+            run_env["QT_LOGGING_RULES"] = "usbd.debug=true;usbconn.debug=true;usbdsocket.debug=true;default.debug=true"
         run_env.update(env or {})
         self._log = open(self.log_path, "wb")
         if journal:

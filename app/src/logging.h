@@ -10,3 +10,8 @@ Q_DECLARE_LOGGING_CATEGORY(lcUsbdBuffer)
 Q_DECLARE_LOGGING_CATEGORY(lcUsbdBufferList)
 Q_DECLARE_LOGGING_CATEGORY(lcIosConn)
 Q_DECLARE_LOGGING_CATEGORY(lcUsbConn)
+
+// Makes the process log warnings and above by default, also in Qt's default category, and
+// prefixes each line with its syslog priority ("<4>") when stderr is the systemd journal, so
+// that "journalctl -p" can tell the levels apart. Called once, first thing in main().
+void setUpLogging();

@@ -4,14 +4,16 @@
 
 #include <ostr/Common.h>
 
+#include "logging.h"
 #include "usbd.h"
 #include "usbdobject.h"
 
 int main(int argc, char *argv[])
 {
+    setUpLogging();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("usbd"));
-    QCoreApplication::setApplicationVersion(QStringLiteral("1.0"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(USBD_VERSION));
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Handles USB device communication"));

@@ -4,6 +4,7 @@ import os
 import sys
 import time
 import unittest
+import xml.etree.ElementTree as ElementTree
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 
@@ -112,6 +113,25 @@ class UsbdOverDBus(DaemonTestCase):
     def plug(self, *args):
         self.emu.ctl("plug", *args)
         self.expect_change("link_type", 1)
+
+    # --- the interface ---------------------------------------------------------------------
+
+    def test_interface_file_describes_what_the_daemon_introspects(self):
+        def members(xml):
+            interface = ElementTree.fromstring(xml).find("interface[@name='com.korvane.usbd']")
+            self.assertIsNotNone(interface)
+            return sorted(
+                (element.tag, element.get("name"), element.get("type"), element.get("access"),
+                 tuple((arg.get("name"), arg.get("type"), arg.get("direction", "in"))
+                       for arg in element.findall("arg")))
+                for element in interface if element.tag in ("method", "property", "signal"))
+
+        introspected = dbus.Interface(self.emu.bus().get_object("com.korvane.usbd", OBJECT_PATH),
+                                      "org.freedesktop.DBus.Introspectable").Introspect()
+        with open(os.path.join(os.path.dirname(__file__), "..", "..", "docs", "dbus",
+                               "com.korvane.usbd.xml"), encoding="utf-8") as f:
+            documented = f.read()
+        self.assertEqual(members(documented), members(str(introspected)))
 
     # --- the link --------------------------------------------------------------------------
 

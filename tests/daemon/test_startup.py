@@ -6,9 +6,11 @@ import sys
 import textwrap
 import unittest
 
+import dbus
+
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 
-from usbdtest import USBD, Emulator, wait_for  # noqa: E402
+from usbdtest import INTERFACE, USBD, Emulator, wait_for  # noqa: E402
 
 
 class CommandLine(unittest.TestCase):
@@ -66,6 +68,45 @@ class Startup(unittest.TestCase):
         self.addCleanup(emu.stop)
         self.assertNotEqual(emu.process.wait(timeout=20), 0)
         self.assertIn("arvo_hal_initialize: -1005", emu.log())
+
+    def test_log_shows_warnings_only_and_carries_priorities_for_the_journal(self):
+        # Rules from the environment would hide what the defaults do.
+        env = {"QT_LOGGING_RULES": ""}
+        quiet = Emulator(log_debug=False, env=env)
+        self.addCleanup(quiet.stop)
+        quiet.wait_control()
+        quiet.wait_ready()
+        quiet.wait_service()
+        quiet.ctl("plug", "--speed", "high-speed")
+        wait_for(lambda: int(quiet.usbd().Get(INTERFACE, "link_type",
+                                              dbus_interface="org.freedesktop.DBus.Properties")) == 1,
+                 what="link type 1")
+        quiet.usbd().send_data(dbus.ByteArray(b"abc"), dbus.Byte(3), timeout=20)
+        quiet.wait_log("transfer time:")
+        log = quiet.log()
+        # Debug and info lines, also those of the default category, stay off by default.
+        for debug_line in ("connection changed", "max_buffers"):
+            self.assertNotIn(debug_line, log)
+        self.assertIn("usb_link state: 1", log)
+        quiet.stop()
+
+        # With stderr going to the journal, every line of the daemon starts with its syslog
+        # priority; the default category's debug lines come back when the rules ask for them.
+        # A JOURNAL_STREAM that names another file (inherited from a parent) changes nothing.
+        rules = {"QT_LOGGING_RULES": "default.debug=true"}
+        journal = Emulator(log_debug=False, env=rules, journal=True)
+        self.addCleanup(journal.stop)
+        inherited = Emulator(log_debug=False, env=dict(rules, JOURNAL_STREAM="0:0"))
+        self.addCleanup(inherited.stop)
+        for emu in (journal, inherited):
+            emu.wait_control()
+            emu.wait_ready()
+            emu.ctl("plug", "--speed", "high-speed")
+            emu.wait_log("usb_link state: 1")
+            emu.wait_log("connection changed")
+        self.assertRegex(journal.log(), r"(?m)^<4>usb_link state: 1$")
+        self.assertRegex(journal.log(), r"(?m)^<7>usbd: connection changed: usb 1")
+        self.assertRegex(inherited.log(), r"(?m)^usb_link state: 1$")
 
     def test_runs_without_functionfs(self):
         # A private mount namespace with its own /tmp and session bus, and no FunctionFS at all.

@@ -43,7 +43,7 @@ class Emulator:
 
     _count = 0
 
-    def __init__(self, command=None, dbus=True, env=None, extra_args=(), log_debug=True):
+    def __init__(self, command=None, dbus=True, env=None, extra_args=(), log_debug=True, journal=False):
         Emulator._count += 1
         self.name = f"t{os.getpid()}-{Emulator._count}"
         self.tmp = tempfile.TemporaryDirectory(prefix="usbd-test-")
@@ -56,9 +56,13 @@ class Emulator:
         args += ["--"] + (command or [USBD])
         run_env = dict(os.environ)
         if log_debug:
-            run_env["QT_LOGGING_RULES"] = "usbd.debug=true;usbconn.debug=true;usbdsocket.debug=true"
+            run_env["QT_LOGGING_RULES"] = "usbd.debug=true;usbconn.debug=true;usbdsocket.debug=true;default.debug=true"
         run_env.update(env or {})
         self._log = open(self.log_path, "wb")
+        if journal:
+            # As systemd tells a service whose stderr is a journal stream: that stream's dev:ino.
+            st = os.fstat(self._log.fileno())
+            run_env["JOURNAL_STREAM"] = f"{st.st_dev}:{st.st_ino}"
         self.process = subprocess.Popen(args, stdout=self._log, stderr=subprocess.STDOUT,
                                         stdin=subprocess.DEVNULL, env=run_env)
         self._bus = None

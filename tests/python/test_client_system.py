@@ -1,0 +1,87 @@
+"""The Python client against the real daemon on the device emulator."""
+
+import os
+import sys
+import time
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "support"))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "python"))
+
+import usbd  # noqa: E402
+from usbdtest import DaemonTestCase, wait_for  # noqa: E402
+
+
+class PythonClient(DaemonTestCase):
+
+    def connect(self):
+        connection = wait_for(lambda: self._try_connect(), what="the request socket")
+        self.addCleanup(connection.close)
+        return connection
+
+    def _try_connect(self):
+        try:
+            return usbd.Connection(self.emu.socket_path())
+        except OSError:
+            return None
+
+    def plug(self):
+        self.emu.ctl("plug", "--speed", "super-speed")
+        # The link is up once a request goes through.
+        probe = self.connect()
+        wait_for(lambda: probe.request(usbd.SendRequest(0), timeout=5).sent, what="the USB link")
+
+    def test_entries_arrive_in_order_and_requests_are_answered(self):
+        self.plug()
+        handle, _, shm_bytes, _ = self.emu.hold_shm(8192, "py")
+        before = len(self.emu.capture())
+        connection = self.connect()
+        first = (usbd.SendRequest(1).add_memory(b"head", element_padding=3)
+                 .add_other(7)
+                 .add_handle(handle, offset=100, size=1000)
+                 .add_memory(b"tail"))
+        # Each request waits for its answer: the daemon takes one read as one request, so two
+        # written back to back could reach it as one.
+        self.assertEqual(connection.request(first, timeout=10), usbd.Response(1, 0))
+        self.assertEqual(connection.request(usbd.SendRequest(2).add_memory(b"second"), timeout=10),
+                         usbd.Response(2, 0))
+        expected = b"head" + bytes(3) + shm_bytes[100:1100] + b"tail" + b"second"
+        wait_for(lambda: len(self.emu.capture()) - before >= len(expected), what="the bytes at the host")
+        self.assertEqual(self.emu.capture()[before:], expected)
+
+    def test_interrupt_and_a_dropped_request(self):
+        self.plug()
+        client = self.connect()
+        interrupter = self.connect()
+        self.emu.ctl("stall")
+        client.send(usbd.SendRequest(5).add_memory(b"x" * 1000))
+        # The worker may not have reached its write yet; interrupting an idle worker does nothing.
+        response = None
+        for _ in range(25):
+            interrupter.interrupt()
+            try:
+                response = client.receive(timeout=0.2)
+                break
+            except TimeoutError:
+                pass
+        self.assertEqual(response, usbd.Response(5, -1))
+        self.emu.ctl("release")
+
+        # A request still queued when the cable goes is never answered: the client times out,
+        # and a late response is not mixed up with the next one.
+        self.emu.ctl("stall")
+        client.send(usbd.SendRequest(6).add_memory(b"held"))
+        client.send(usbd.SendRequest(7).add_memory(b"queued"))
+        time.sleep(0.2)
+        self.emu.ctl("unplug")
+        self.emu.ctl("release")
+        with self.assertRaises(TimeoutError):
+            while True:
+                self.assertNotEqual(client.receive(timeout=1).request_id, 7)
+        with self.assertRaises(TimeoutError):
+            interrupter.receive(timeout=0.2)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -85,6 +85,9 @@ struct Options {
     std::string cases = "file,shm,socket,dbus,curves,link";
     std::string dataDir;       // curve data files; none written when empty
     std::string profile;       // perf record of the daemon over all cases run, to this file
+    bool callgrind = false;    // servers under callgrind: instructions per request
+    std::vector<std::size_t> socketSizes;
+    std::vector<int> clientCounts;
     bool quick = false;
 };
 
@@ -179,6 +182,39 @@ ProcStats threadStats()
     return stats;
 }
 
+// With --callgrind: the instructions a server run under callgrind has executed so far, all
+// threads, as callgrind_control reports them; -1 when it cannot tell.
+bool gCallgrind = false;
+
+double instructionsSoFar(pid_t pid)
+{
+    if (!gCallgrind)
+        return -1;
+    const std::string command = "callgrind_control -e Ir " + std::to_string(pid) + " 2>/dev/null";
+    FILE *pipe = ::popen(command.c_str(), "r");
+    if (!pipe)
+        return -1;
+    // "  Totals:     Ir", then one line per thread: "   Th 1  304,045"
+    double total = -1;
+    char line[512];
+    while (std::fgets(line, sizeof line, pipe)) {
+        const char *at = std::strstr(line, "Th ");
+        if (!at)
+            continue;
+        at += 3;
+        while (*at >= '0' && *at <= '9')
+            ++at; // the thread number
+        std::string digits;
+        for (const char *p = at; *p && *p != '\n'; ++p)
+            if (*p >= '0' && *p <= '9')
+                digits += *p;
+        if (!digits.empty())
+            total = std::max(0.0, total) + std::atof(digits.c_str());
+    }
+    ::pclose(pipe);
+    return total;
+}
+
 // ---- processes ----
 
 pid_t spawn(const std::vector<std::string> &argv, const char *logPath)
@@ -243,7 +279,7 @@ bool connectWithin(Connection *connection, const std::string &path, int seconds)
 bool waitForLink(const std::string &path)
 {
     Connection connection;
-    if (!connectWithin(&connection, path, 10))
+    if (!connectWithin(&connection, path, 60))
         return false;
     for (auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
         Response response;
@@ -263,6 +299,7 @@ struct Sample {
     double p50Us = 0, p99Us = 0;
     double cpuPerUnit = 0;     // CPU seconds per GiB, or CPU microseconds per request
     double switchesPerUnit = 0;
+    double instructionsPerUnit = 0; // with --callgrind: user-space instructions, all threads
     long rssKiB = 0, hwmKiB = 0;
 };
 
@@ -328,11 +365,23 @@ void print(const Comparison &c, const char *aim)
         if (medianOf(s, &Sample::p99Us) > 0)
             std::printf(", latency us p50 %.0f p99 %.0f", medianOf(s, &Sample::p50Us),
                         medianOf(s, &Sample::p99Us));
-        std::printf(", CPU %.3g %s, %.3g switches %s\n", medianOf(s, &Sample::cpuPerUnit),
+        std::printf(", CPU %.3g %s, %.3g switches %s", medianOf(s, &Sample::cpuPerUnit),
                     c.cpuUnit.c_str(), medianOf(s, &Sample::switchesPerUnit), c.switchUnit.c_str());
+        if (medianOf(s, &Sample::instructionsPerUnit) > 0)
+            std::printf(", %.0f instructions %s", medianOf(s, &Sample::instructionsPerUnit),
+                        c.switchUnit.c_str());
+        std::printf("\n");
     }
-    std::printf("  ratio usbd/minimal: %s %.3f%s, CPU %.3f, switches %.3f\n", c.unit.c_str(),
+    std::printf("  ratio usbd/minimal: %s %.3f%s, CPU %.3f, switches %.3f", c.unit.c_str(),
                 median(c.rateRatio), aim, median(c.cpuRatio), median(c.switchRatio));
+    std::vector<double> instructionRatio;
+    for (std::size_t i = 0; i < c.samples[0].size(); ++i)
+        if (c.samples[1][i].instructionsPerUnit > 0)
+            instructionRatio.push_back(c.samples[0][i].instructionsPerUnit
+                                       / c.samples[1][i].instructionsPerUnit);
+    if (!instructionRatio.empty())
+        std::printf(", instructions %.3f", median(instructionRatio));
+    std::printf("\n");
     std::fflush(stdout);
 }
 
@@ -594,6 +643,7 @@ bool runSocket(const std::string &path, pid_t server, const SocketLoad &load, do
     std::vector<Result> results(std::size_t(load.clients));
     std::vector<std::thread> threads;
     std::atomic<bool> stopped{false};
+    std::atomic<long> answered{0};
     const auto measureFrom = Clock::now() + std::chrono::milliseconds(200);
     const auto end = measureFrom + std::chrono::duration_cast<Clock::duration>(
                                        std::chrono::duration<double>(seconds));
@@ -623,6 +673,7 @@ bool runSocket(const std::string &path, pid_t server, const SocketLoad &load, do
                     r.broken = true;
                     return;
                 }
+                ++answered;
                 if (start >= measureFrom && start < end)
                     r.latencies.push_back(std::uint32_t(
                         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start)
@@ -632,8 +683,14 @@ bool runSocket(const std::string &path, pid_t server, const SocketLoad &load, do
     }
     std::this_thread::sleep_until(measureFrom);
     const ProcStats before = readStats(server);
+    const double instructionsBefore = instructionsSoFar(server);
+    // Requests answered in the window as the instruction counts see it, which take a while to
+    // read: counted from the clients' side at the same moments.
+    const long answeredBefore = answered.load();
     std::this_thread::sleep_until(end);
     const ProcStats after = readStats(server);
+    const double instructionsAfter = instructionsSoFar(server);
+    const long answeredAfter = answered.load();
     stopped = true;
     for (std::thread &t : threads)
         t.join();
@@ -650,6 +707,9 @@ bool runSocket(const std::string &path, pid_t server, const SocketLoad &load, do
     s->p99Us = percentile(all, 99);
     s->cpuPerUnit = (after.cpuSeconds - before.cpuSeconds) * 1e6 / count;
     s->switchesPerUnit = double(after.switches - before.switches) / count;
+    if (instructionsBefore >= 0 && instructionsAfter >= 0 && answeredAfter > answeredBefore)
+        s->instructionsPerUnit =
+            (instructionsAfter - instructionsBefore) / double(answeredAfter - answeredBefore);
     s->rssKiB = after.rssKiB;
     s->hwmKiB = after.hwmKiB;
     return true;
@@ -674,9 +734,11 @@ constexpr std::size_t kLargestInline = 2048;
 
 void socketCases(const Options &o, const Servers &servers, ArvoMemShare *shm)
 {
-    const std::vector<std::size_t> sizes = {64, 4 * kKiB, kMiB};
-    const std::vector<int> clientCounts = o.quick ? std::vector<int>{1, 16}
-                                                  : std::vector<int>{1, 4, 16, 64};
+    const std::vector<std::size_t> sizes =
+        o.socketSizes.empty() ? std::vector<std::size_t>{64, 4 * kKiB, kMiB} : o.socketSizes;
+    const std::vector<int> clientCounts = !o.clientCounts.empty() ? o.clientCounts
+                                          : o.quick ? std::vector<int>{1, 16}
+                                                    : std::vector<int>{1, 4, 16, 64};
     for (const std::size_t size : sizes) {
         for (const int clients : clientCounts) {
             SocketLoad load;
@@ -720,6 +782,7 @@ bool runSendData(const Servers &servers, int side, double seconds, Sample *s)
     std::vector<double> latencies;
     const pid_t server = side == 0 ? servers.usbd : servers.minimal;
     const ProcStats before = readStats(server);
+    const double instructionsBefore = instructionsSoFar(server);
     const auto start = Clock::now();
     const auto end = start + std::chrono::duration_cast<Clock::duration>(
                                  std::chrono::duration<double>(seconds));
@@ -732,6 +795,9 @@ bool runSendData(const Servers &servers, int side, double seconds, Sample *s)
         t = done;
     }
     const ProcStats after = readStats(server);
+    const double instructionsAfter = instructionsSoFar(server);
+    if (instructionsBefore >= 0 && instructionsAfter >= 0)
+        s->instructionsPerUnit = (instructionsAfter - instructionsBefore) / double(latencies.size());
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     s->rate = double(latencies.size()) / elapsed;
     s->p50Us = percentile(latencies, 50);
@@ -878,6 +944,14 @@ bool parseOptions(int argc, char **argv, Options *o)
             o->linkIterations = std::max(1, std::atoi(argv[++i]));
         } else if (arg == "--cases" && hasValue) {
             o->cases = argv[++i];
+        } else if (arg == "--callgrind") {
+            o->callgrind = true;
+        } else if (arg == "--socket-sizes" && hasValue) {
+            for (const QString &v : QString::fromLatin1(argv[++i]).split(QLatin1Char(',')))
+                o->socketSizes.push_back(std::size_t(v.toULongLong()));
+        } else if (arg == "--clients" && hasValue) {
+            for (const QString &v : QString::fromLatin1(argv[++i]).split(QLatin1Char(',')))
+                o->clientCounts.push_back(std::max(1, v.toInt()));
         } else if (arg == "--profile" && hasValue) {
             o->profile = argv[++i];
         } else if (arg == "--data" && hasValue) {
@@ -910,14 +984,27 @@ int main(int argc, char **argv)
     qDBusRegisterMetaType<QList<QVariantMap>>();
     signal(SIGPIPE, SIG_IGN);
 
+    gCallgrind = options.callgrind;
+    // Under callgrind the servers run many times slower; the counts are what matters then.
+    const std::vector<std::string> wrapper =
+        options.callgrind ? std::vector<std::string>{"/usr/bin/valgrind", "--tool=callgrind",
+                                                     "--callgrind-out-file="
+                                                         + (options.dataDir.empty() ? std::string("/tmp")
+                                                                                    : options.dataDir)
+                                                         + "/callgrind.out.%p"}
+                          : std::vector<std::string>{};
+    auto wrapped = [&wrapper](std::vector<std::string> argv) {
+        argv.insert(argv.begin(), wrapper.begin(), wrapper.end());
+        return argv;
+    };
     Servers servers;
-    servers.usbd = spawn({usbdBin}, "/tmp/usbd.log");
+    servers.usbd = spawn(wrapped({usbdBin}), "/tmp/usbd.log");
     Emulator emulator;
     bool ok = true;
     if (!emulatorName.empty()) {
         ok = emulator.open(emulatorName);
         // The function is ready once the daemon has written its blobs: ep3 exists then.
-        for (int i = 0; ok && i < 500 && ::access(usbd::kFfsEp3Path, F_OK) != 0; ++i)
+        for (int i = 0; ok && i < 3000 && ::access(usbd::kFfsEp3Path, F_OK) != 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         ok = ok && emulator.call({"plug"});
@@ -925,10 +1012,10 @@ int main(int argc, char **argv)
     ok = ok && waitForLink(usbd::kSocketPath);
     if (!ok)
         std::fprintf(stderr, "e2e-bench: the daemon did not come up with a USB link (see its log)\n");
-    servers.minimal = spawn({minimalBin, "--socket", kMinimalSocket, "--dbus", kMinimalService},
+    servers.minimal = spawn(wrapped({minimalBin, "--socket", kMinimalSocket, "--dbus", kMinimalService}),
                             "/tmp/e2e-minimal.log");
     Connection probe;
-    if (ok && !connectWithin(&probe, kMinimalSocket, 10)) {
+    if (ok && !connectWithin(&probe, kMinimalSocket, 60)) {
         std::fprintf(stderr, "e2e-bench: the minimal server did not start\n");
         ok = false;
     }

@@ -611,8 +611,12 @@ void shmCases(const Options &o, pid_t usbd, int ep3)
     std::memset(shm.data(), 0x5A, size);
     const quint64 handle = shm.shareHandle();
     for (const bool physical : {false, true}) {
-        const std::string name = "send_shm_data " + std::to_string(o.shmMiB) + " MiB by "
-                                 + (physical ? "physical" : "virtual") + " address";
+        // The daemon reads no use_physical_address flag: its USB transport sends ION memory by
+        // physical address either way. The minimal sender does what the flag asks.
+        const std::string name = "send_shm_data " + std::to_string(o.shmMiB) + " MiB, "
+                                 + (physical ? "by physical address"
+                                             : "use_physical_address false (minimal: by virtual "
+                                               "address; usbd: by physical address all the same)");
         print(compare(name, "MB/s", "CPU s/GiB", "per GiB", o.rounds,
                       [&](int side, Sample *s) {
                           return timeBulk(usbd, side, size, [&] {
@@ -870,6 +874,28 @@ void linkCase(const Options &o, Emulator *emulator)
 
 // ---- scaling curves ----
 
+// One point of a curve: three runs per side in turns (A B, B A, A B), the medians.
+bool curvePoint(const Servers &servers, const SocketLoad &load, double seconds, Sample out[2])
+{
+    std::vector<Sample> runs[2];
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 2; ++i) {
+            const int side = round % 2 == 0 ? i : 1 - i;
+            Sample s;
+            if (!runSocket(side == 0 ? usbd::kSocketPath : kMinimalSocket,
+                           side == 0 ? servers.usbd : servers.minimal, load, seconds, &s))
+                return false;
+            runs[side].push_back(s);
+        }
+    }
+    for (int side = 0; side < 2; ++side) {
+        out[side].rate = medianOf(runs[side], &Sample::rate);
+        out[side].p99Us = medianOf(runs[side], &Sample::p99Us);
+        out[side].rssKiB = runs[side].back().rssKiB;
+    }
+    return true;
+}
+
 void curves(const Options &o, const Servers &servers, ArvoMemShare *shm)
 {
     const double seconds = std::max(0.3, o.seconds / 2);
@@ -879,7 +905,7 @@ void curves(const Options &o, const Servers &servers, ArvoMemShare *shm)
         std::fprintf(sizeFile, "# bytes usbd_MBps minimal_MBps usbd_p99_us minimal_p99_us (1 client)\n");
     if (clientFile)
         std::fprintf(clientFile, "# clients usbd_rps minimal_rps usbd_p99_us minimal_p99_us usbd_rss_kib (64 B)\n");
-    std::printf("scaling, one run per side and point, %.1f s each:\n", seconds);
+    std::printf("scaling, medians of 3 runs per side and point in turns, %.1f s each:\n", seconds);
     const std::vector<std::size_t> sizes = o.quick
         ? std::vector<std::size_t>{64, 4 * kKiB, kMiB, 8 * kMiB}
         : std::vector<std::size_t>{64, 512, 2 * kKiB, 4 * kKiB, 16 * kKiB, 64 * kKiB, 256 * kKiB,
@@ -889,8 +915,7 @@ void curves(const Options &o, const Servers &servers, ArvoMemShare *shm)
         load.entryBytes = size;
         load.handle = size > kLargestInline ? shm->shareHandle() : 0;
         Sample s[2];
-        if (!runSocket(usbd::kSocketPath, servers.usbd, load, seconds, &s[0])
-            || !runSocket(kMinimalSocket, servers.minimal, load, seconds, &s[1]))
+        if (!curvePoint(servers, load, seconds, s))
             break;
         const double mb[2] = {s[0].rate * double(size) / 1e6, s[1].rate * double(size) / 1e6};
         std::printf("  %9s x1: usbd %8.1f MB/s p99 %6.0f us, minimal %8.1f MB/s p99 %6.0f us\n",
@@ -904,8 +929,7 @@ void curves(const Options &o, const Servers &servers, ArvoMemShare *shm)
         SocketLoad load;
         load.clients = clients;
         Sample s[2];
-        if (!runSocket(usbd::kSocketPath, servers.usbd, load, seconds, &s[0])
-            || !runSocket(kMinimalSocket, servers.minimal, load, seconds, &s[1]))
+        if (!curvePoint(servers, load, seconds, s))
             break;
         std::printf("  64 B x%-3d: usbd %8.0f req/s p99 %6.0f us RSS %ld KiB, minimal %8.0f req/s p99 %6.0f us\n",
                     clients, s[0].rate, s[0].p99Us, s[0].rssKiB, s[1].rate, s[1].p99Us);
@@ -1053,6 +1077,7 @@ int main(int argc, char **argv)
     if (ok && wanted(options, "link") && !emulatorName.empty())
         linkCase(options, &emulator);
 
+    std::printf("e2e-bench: load average at the end %s", slurp("/proc/loadavg").c_str());
     if (profiler > 0) {
         kill(profiler, SIGINT);
         waitpid(profiler, nullptr, 0);

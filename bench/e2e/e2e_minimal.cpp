@@ -23,7 +23,6 @@
 
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QObject>
 
 #include <arvo_hal.h>

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <QLoggingCategory>
 #include <QThread>
 
 #include <arvo_hal.h>
@@ -124,7 +125,10 @@ UsbD::~UsbD()
 
 OstrTypes::E_LinkType UsbD::linkType() const
 {
-    qDebug("usbd: connection changed: usb %d, ios %d", usbConnected_ ? 1 : 0, iosState_);
+    // qDebug() formats its text before it asks whether the line is wanted; this runs on every
+    // property read and link change, so ask first.
+    if (QLoggingCategory::defaultCategory()->isDebugEnabled())
+        qDebug("usbd: connection changed: usb %d, ios %d", usbConnected_ ? 1 : 0, iosState_);
     if (iosState_ == IOSConnStateWatcher::MfiState)
         return OstrTypes::LinkTypeMfi;
     if (usbConnected_)

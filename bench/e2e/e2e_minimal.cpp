@@ -1,0 +1,175 @@
+// The minimal servers that the daemon is measured against: what a program must do at the least
+// to put the same bytes into the same endpoint for the same requests.
+//   --socket PATH: the daemon's socket protocol, one thread per client, each request written
+//                  straight to ep3 (memory entries) or handed to the endpoint by physical
+//                  address (handle entries, imported per request as the daemon does), then
+//                  answered with the 8-byte response.
+//   --dbus NAME:   one D-Bus method, send_data(ay data, y length) on object /bench of the
+//                  service NAME, which writes the bytes to ep3 and returns.
+// Runs inside the device emulator next to the daemon; the benchmark starts and ends it.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QObject>
+
+#include <arvo_hal.h>
+
+#include "arvomemshare.h"
+#include "paths.h"
+
+namespace {
+
+constexpr unsigned long kPhysicalTransfer = 0x6706;
+constexpr std::uint32_t kMaxBytesPerCall = 8 * 1024 * 1024;
+
+int ep3 = -1;
+std::mutex halMutex; // the HAL is driven from one thread at a time, as in the daemon
+
+bool sendByHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size)
+{
+    arvo_hal_mem_t memory = 0;
+    std::uint32_t physical = 0;
+    {
+        std::lock_guard<std::mutex> guard(halMutex);
+        if (arvo_hal_mem_import(ArvoMemShare::ion()->handle(), &memory, handle) != 0)
+            return false;
+        if (arvo_hal_mem_get_phys_addr(memory, &physical) != 0) {
+            arvo_hal_mem_free(memory);
+            return false;
+        }
+    }
+    bool ok = true;
+    for (std::uint32_t done = 0; ok && done < size;) {
+        struct {
+            std::uint32_t address, length;
+        } record{physical + offset + done, std::min(size - done, kMaxBytesPerCall)};
+        const int sent = ::ioctl(ep3, kPhysicalTransfer, &record);
+        ok = sent > 0;
+        done += ok ? std::uint32_t(sent) : 0;
+    }
+    std::lock_guard<std::mutex> guard(halMutex);
+    arvo_hal_mem_free(memory);
+    return ok;
+}
+
+std::uint32_t u32(const std::uint8_t *p)
+{
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+void serveClient(int client)
+{
+    std::uint8_t request[4096];
+    for (;;) {
+        const ssize_t n = ::read(client, request, sizeof request);
+        if (n < 8)
+            break;
+        const std::uint32_t id = u32(request + 4);
+        std::int32_t status = 0;
+        for (std::size_t at = 8; at + 4 <= std::size_t(n); at += 28) {
+            const std::uint32_t type = u32(request + at);
+            if (type == 0 || at + 28 > std::size_t(n))
+                break;
+            const std::uint32_t size = u32(request + at + 4);
+            const std::uint32_t offset = u32(request + at + 8);
+            if (type == 1) {
+                if (std::uint64_t(offset) + size > std::uint64_t(n)
+                    || ::write(ep3, request + offset, size) != ssize_t(size))
+                    status = -1;
+            } else if (type == 2) {
+                std::uint64_t handle;
+                std::memcpy(&handle, request + at + 20, 8);
+                if (!sendByHandle(handle, offset, size))
+                    status = -1;
+            }
+        }
+        std::uint8_t response[8];
+        std::memcpy(response, &id, 4);
+        std::memcpy(response + 4, &status, 4);
+        if (::send(client, response, sizeof response, MSG_NOSIGNAL) != 8)
+            break;
+    }
+    ::close(client);
+}
+
+bool startSocketServer(const std::string &path)
+{
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ::unlink(path.c_str());
+    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0
+        || ::listen(listener, 128) < 0)
+        return false;
+    std::thread([listener] {
+        for (;;) {
+            const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client >= 0)
+                std::thread(serveClient, client).detach();
+        }
+    }).detach();
+    return true;
+}
+
+} // namespace
+
+class MinimalService : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "com.korvane.usbdbench")
+public slots:
+    Q_SCRIPTABLE void send_data(const QByteArray &data, uchar length)
+    {
+        const ssize_t size = std::min<ssize_t>(data.size(), length);
+        if (::write(ep3, data.constData(), size_t(size)) != size)
+            std::fprintf(stderr, "e2e_minimal: write to ep3 failed\n");
+    }
+};
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    std::string socketPath, serviceName;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--socket") == 0)
+            socketPath = argv[i + 1];
+        else if (std::strcmp(argv[i], "--dbus") == 0)
+            serviceName = argv[i + 1];
+    }
+    ep3 = ::open(usbd::kFfsEp3Path, O_RDWR | O_CLOEXEC);
+    if (ep3 < 0) {
+        std::fprintf(stderr, "e2e_minimal: cannot open %s\n", usbd::kFfsEp3Path);
+        return 1;
+    }
+    if (!socketPath.empty() && !startSocketServer(socketPath)) {
+        std::fprintf(stderr, "e2e_minimal: cannot listen on %s\n", socketPath.c_str());
+        return 1;
+    }
+    MinimalService service;
+    if (!serviceName.empty()) {
+        QDBusConnection bus = QDBusConnection::systemBus();
+        if (!bus.registerObject(QStringLiteral("/bench"), &service, QDBusConnection::ExportScriptableSlots)
+            || !bus.registerService(QString::fromStdString(serviceName))) {
+            std::fprintf(stderr, "e2e_minimal: cannot offer %s on the bus\n", serviceName.c_str());
+            return 1;
+        }
+    }
+    return app.exec();
+}
+
+#include "e2e_minimal.moc"

@@ -84,9 +84,25 @@ const QStringList &allKeys()
     return keys;
 }
 
-QVariantMap someMap(FuzzedDataProvider &in)
+// The types of each key, as documented for each kind of map.
+const QList<QPair<QString, int>> kFileTypes{
+    {CUsbD::tagPath(), QMetaType::QString},         {CUsbD::tagOffset(), QMetaType::LongLong},
+    {CUsbD::tagSize(), QMetaType::Int},             {CUsbD::tagElementAlignment(), QMetaType::Int},
+    {CUsbD::tagElementPadding(), QMetaType::Int},   {CUsbD::tagSessionId(), QMetaType::UShort}};
+const QList<QPair<QString, int>> kShmTypes{
+    {CUsbD::tagHandle(), QMetaType::ULongLong},     {CUsbD::tagSize(), QMetaType::LongLong},
+    {CUsbD::tagElementAlignment(), QMetaType::Int}, {CUsbD::tagElementPadding(), QMetaType::Int},
+    {CUsbD::tagUsePhysicalAddress(), QMetaType::Bool}, {CUsbD::tagSessionId(), QMetaType::UShort}};
+
+QVariantMap someMap(FuzzedDataProvider &in, const QList<QPair<QString, int>> &types)
 {
     QVariantMap map;
+    // Half the maps start with every key of their kind, so that whole requests pass the checks
+    // often; any map may then gain, lose the type of, or lack keys like any other.
+    if (in.ConsumeBool()) {
+        for (const auto &type : types)
+            map.insert(type.first, someValue(in));
+    }
     const int count = in.ConsumeIntegralInRange(0, 10);
     for (int i = 0; i < count; ++i) {
         const int pick = in.ConsumeIntegralInRange(0, int(allKeys().size()));
@@ -105,15 +121,6 @@ bool mapPasses(const QVariantMap &map, const QList<QPair<QString, int>> &types)
     }
     return true;
 }
-
-const QList<QPair<QString, int>> kFileTypes{
-    {CUsbD::tagPath(), QMetaType::QString},         {CUsbD::tagOffset(), QMetaType::LongLong},
-    {CUsbD::tagSize(), QMetaType::Int},             {CUsbD::tagElementAlignment(), QMetaType::Int},
-    {CUsbD::tagElementPadding(), QMetaType::Int},   {CUsbD::tagSessionId(), QMetaType::UShort}};
-const QList<QPair<QString, int>> kShmTypes{
-    {CUsbD::tagHandle(), QMetaType::ULongLong},     {CUsbD::tagSize(), QMetaType::LongLong},
-    {CUsbD::tagElementAlignment(), QMetaType::Int}, {CUsbD::tagElementPadding(), QMetaType::Int},
-    {CUsbD::tagUsePhysicalAddress(), QMetaType::Bool}, {CUsbD::tagSessionId(), QMetaType::UShort}};
 
 void checkCommon(UsbDBuffer *buffer, const QVariantMap &map)
 {
@@ -138,7 +145,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     QList<QVariantMap> maps;
     const int count = in.ConsumeIntegralInRange(0, 8);
     for (int i = 0; i < count; ++i)
-        maps.append(someMap(in));
+        maps.append(someMap(in, files ? kFileTypes : kShmTypes));
 
     // The maps the decoder turns into buffers, in the order it does, checked as it goes.
     int built = 0;

@@ -221,7 +221,17 @@ class UsbdOverDBus(DaemonTestCase):
         os.mkfifo(self.emu.inside("/tmp/held"))
         self.plug()
         held = Call(self.usbd.send_file, file_list(file_map("/tmp/held", size=1)))
-        time.sleep(0.5)
+        # Waited for, not slept on: a slow daemon (under a sanitizer) that had not reached the
+        # open() before the cable went would drop the request and leave the FIFO without reader.
+        usbd = self.emu.pid_of("usbd")
+
+        def worker_held():
+            for task in os.listdir(f"/proc/{usbd}/task"):
+                with open(f"/proc/{usbd}/task/{task}/wchan") as f:
+                    if f.read() == "wait_for_partner":
+                        return True
+            return False
+        wait_for(worker_held, what="the worker to wait in the FIFO's open()")
         queued = Call(self.usbd.send_data, dbus.ByteArray(b"late"), dbus.Byte(4), timeout=4)
         time.sleep(0.2)
         self.emu.ctl("unplug")

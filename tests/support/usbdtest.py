@@ -106,6 +106,25 @@ class Emulator:
             self._init_pid = self.status()["init_pid"]
         return f"/proc/{self._init_pid}/root"
 
+    def pid_of(self, name):
+        """The host pid of the emulator's process whose command name is `name` (e.g. "usbd")."""
+        def parent_and_name(pid):
+            with open(f"/proc/{pid}/stat") as f:
+                stat = f.read()
+            return int(stat[stat.rindex(")") + 2:].split()[1]), stat[stat.index("(") + 1:stat.rindex(")")]
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                parent, comm = parent_and_name(pid)
+                if comm != name:
+                    continue
+                while parent > 1:
+                    if parent == self.process.pid:
+                        return int(pid)
+                    parent = parent_and_name(parent)[0]
+            except (OSError, ValueError, IndexError):
+                continue
+        raise AssertionError(f"no {name} under the emulator")
+
     def endpoint(self, file):
         return next(ep for ep in self.status()["endpoints"] if ep["file"] == file)
 

@@ -267,32 +267,13 @@ class WithDaemon(UsbdctlCase):
         self.assert_status(result, 5, NOT_SENT)
         self.assertIn(b"by its absolute path", result.stderr)
 
-    def _descendant(self, name):
-        """The pid of the emulator's process called `name`."""
-        def parent_and_name(pid):
-            with open(f"/proc/{pid}/stat") as f:
-                stat = f.read()
-            return int(stat[stat.rindex(")") + 2:].split()[1]), stat[stat.index("(") + 1:stat.rindex(")")]
-        for pid in filter(str.isdigit, os.listdir("/proc")):
-            try:
-                parent, comm = parent_and_name(pid)
-                if comm != name:
-                    continue
-                while parent > 1:
-                    if parent == self.emu.process.pid:
-                        return int(pid)
-                    parent = parent_and_name(parent)[0]
-            except (OSError, ValueError):
-                continue
-        raise AssertionError(f"no {name} under the emulator")
-
     def test_watch_ends_when_the_daemon_or_the_bus_goes_away(self):
         def watch_until_killed(victim, text):
             watch = subprocess.Popen([USBDCTL, "watch"], env=self.env, stdout=subprocess.PIPE,
                                      stderr=subprocess.PIPE)
             self.addCleanup(lambda: watch.poll() is None and watch.kill())
             watch.stdout.readline()  # the first values are out: the watch is under way
-            os.kill(self._descendant(victim), signal.SIGKILL)
+            os.kill(self.emu.pid_of(victim), signal.SIGKILL)
             _, stderr = watch.communicate(timeout=10)
             self.assertEqual(watch.returncode, 8, stderr)
             self.assertRegex(stderr.decode(), f"^usbdctl: {STAMP}: {text}, watch ends\n$")

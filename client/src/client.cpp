@@ -74,12 +74,33 @@ std::size_t SendRequest::encodedSize() const
     return kHeaderSize + entries_.size() * kEntrySize + kEndEntrySize + data_.size();
 }
 
-bool SendRequest::encode(std::vector<std::uint8_t> *out) const
+std::size_t SendRequest::segmentCount() const
+{
+    std::size_t count = 0;
+    for (const Entry &e : entries_) {
+        if (e.type == kEntryMemory || e.type == kEntryHandle)
+            count += segmentsOf(e.elementPadding);
+    }
+    return count;
+}
+
+bool SendRequest::encode(std::vector<std::uint8_t> *out, std::string *error) const
 {
     out->clear();
     const std::size_t size = encodedSize();
-    if (size > kMaxRequestSize)
+    if (size > kMaxRequestSize) {
+        if (error)
+            *error = "the request needs " + std::to_string(size) + " bytes; one request holds at most " +
+                     std::to_string(kMaxRequestSize);
         return false;
+    }
+    if (segmentCount() > kMaxSegments) {
+        if (error)
+            *error = "the request needs " + std::to_string(segmentCount()) +
+                     " segments (one per entry, one more for its padding); the daemon sends at most " +
+                     std::to_string(kMaxSegments) + " in one request (32 entries, or 16 with padding)";
+        return false;
+    }
     out->assign(size, 0);
 
     std::uint8_t *p = out->data();

@@ -110,9 +110,15 @@ class Startup(unittest.TestCase):
 
     def test_runs_without_functionfs(self):
         # A private mount namespace with its own /tmp and session bus, and no FunctionFS at all.
+        # A checkout under /tmp would vanish under the new /tmp: its top directory there is
+        # opened first and bound back over the empty one through the descriptor (the path
+        # itself then names the new /tmp, which is also why mount must not resolve the link).
         script = textwrap.dedent(f"""
             set -e
+            tree=$(realpath {USBD} | awk -F/ '$2 == "tmp" && NF > 3 {{ print "/tmp/" $3 }}')
+            [ -z "$tree" ] || exec 7<"$tree"
             mount -t tmpfs tmpfs /tmp
+            [ -z "$tree" ] || {{ mkdir -p "$tree" && mount -c --bind /proc/self/fd/7 "$tree"; }}
             dbus-daemon --session --fork --print-address=3 --print-pid=4 3>/tmp/addr 4>/tmp/pid
             export DBUS_SESSION_BUS_ADDRESS=$(cat /tmp/addr)
             trap 'kill $(cat /tmp/pid) 2>/dev/null; kill $usbd 2>/dev/null' EXIT

@@ -88,3 +88,36 @@ TEST_F(ClientConnection, ResponsesAreAssembledAcrossPartialReadsAndTimeouts)
     EXPECT_EQ(connection_.receive(&response, 1000), -ECONNRESET);
     EXPECT_EQ(connection_.send(usbd::client::encodeInterrupt()), -EPIPE);
 }
+
+TEST(ClientSendRequest, MoreSegmentsThanTheDaemonSendsAreRefusedWithTheReason)
+{
+    // 32 entries without padding, or 16 with, are the most; skipped entry types take none.
+    usbd::client::SendRequest plain(1);
+    for (int i = 0; i < 32; ++i)
+        plain.addHandle(1, 0, 1);
+    plain.addOther(3);
+    std::vector<std::uint8_t> bytes;
+    std::string error;
+    EXPECT_TRUE(plain.encode(&bytes, &error));
+    plain.addMemory("x", 1);
+    EXPECT_FALSE(plain.encode(&bytes, &error));
+    EXPECT_TRUE(bytes.empty());
+    EXPECT_NE(error.find("33 segments"), std::string::npos) << error;
+    EXPECT_NE(error.find("at most 32"), std::string::npos) << error;
+
+    usbd::client::SendRequest padded(2);
+    for (int i = 0; i < 15; ++i)
+        padded.addMemory("ab", 2, 0, 4);
+    padded.addHandle(1, 0, 1, 0, 0).addHandle(1, 0, 1, 0, 0);
+    EXPECT_EQ(padded.segmentCount(), 32u);
+    EXPECT_FALSE(padded.encode().empty());
+    padded.addMemory("", 0, 0, 0);
+    EXPECT_TRUE(padded.encode().empty());
+
+    // The byte limit has its own reason.
+    usbd::client::SendRequest large(3);
+    const std::vector<char> data(4096, 'x');
+    large.addMemory(data.data(), 4096);
+    EXPECT_FALSE(large.encode(&bytes, &error));
+    EXPECT_NE(error.find("at most 4096"), std::string::npos) << error;
+}

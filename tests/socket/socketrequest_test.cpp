@@ -138,17 +138,24 @@ TEST(SocketRequest, EntryWalkStaysWithinTheRead)
     bytes.resize(bytes.size() - 1);
     EXPECT_EQ(parse(bytes, &request), SocketRequestKind::Malformed);
 
-    // 145 entries are the most that fit in one read; a 146th cannot be encoded, and a read
-    // larger than the server's buffer is refused even when well formed.
-    usbd::client::SendRequest most(3);
-    for (int i = 0; i < 145; ++i)
-        most.addHandle(std::uint64_t(i) << 32, 0, 1);
-    bytes = most.encode();
-    ASSERT_EQ(bytes.size(), 4072u);
+    // 145 entries are the most that fit in one read (built by hand: the encoder stops at the
+    // 32 segments the USB path can send); a 146th does not fit, and a read larger than the
+    // server's buffer is refused even when well formed.
+    bytes.assign(4072, 0);
+    putU32(&bytes, 0, 1);
+    putU32(&bytes, 4, 3);
+    for (std::uint32_t i = 0; i < 145; ++i) {
+        putU32(&bytes, 8 + 28 * i, 2);
+        putU32(&bytes, 8 + 28 * i + 4, 1);
+        putU32(&bytes, 8 + 28 * i + 24, i); // the handle's high word
+    }
     ASSERT_EQ(parse(bytes, &request), SocketRequestKind::Send);
     ASSERT_EQ(request.entries.size(), 145u);
     EXPECT_EQ(request.entries[144].handle, std::uint64_t(144) << 32);
-    EXPECT_TRUE(most.addHandle(0, 0, 1).encode().empty());
+    usbd::client::SendRequest tooMany(3);
+    for (int i = 0; i < 146; ++i)
+        tooMany.addOther(3);
+    EXPECT_TRUE(tooMany.encode().empty());
     bytes.resize(4097, 0);
     EXPECT_EQ(parse(bytes, &request), SocketRequestKind::Malformed);
     EXPECT_TRUE(request.entries.empty()); // nothing left over from the request before

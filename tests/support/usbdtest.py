@@ -38,6 +38,18 @@ def wait_for(predicate, timeout=10.0, interval=0.02, what="condition"):
         time.sleep(interval)
 
 
+def _sanitizer_preload():
+    """What the shared-memory holder needs before python3 when the HAL library is built with
+    AddressSanitizer: its runtime must be loaded first, and python's own allocations at exit are
+    none of the test's business."""
+    ldd = subprocess.run(["ldd", HAL_LIB], capture_output=True, text=True).stdout
+    for line in ldd.splitlines():
+        parts = line.split()
+        if parts and parts[0].startswith("libasan.so") and len(parts) >= 3:
+            return ["env", f"LD_PRELOAD={parts[2]}", "ASAN_OPTIONS=detect_leaks=0"]
+    return []
+
+
 class Emulator:
     """One emulator running `command` (by default the daemon) under a unique name."""
 
@@ -97,6 +109,25 @@ class Emulator:
         if self._init_pid is None:
             self._init_pid = self.status()["init_pid"]
         return f"/proc/{self._init_pid}/root"
+
+    def pid_of(self, name):
+        """The host pid of the emulator's process whose command name is `name` (e.g. "usbd")."""
+        def parent_and_name(pid):
+            with open(f"/proc/{pid}/stat") as f:
+                stat = f.read()
+            return int(stat[stat.rindex(")") + 2:].split()[1]), stat[stat.index("(") + 1:stat.rindex(")")]
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                parent, comm = parent_and_name(pid)
+                if comm != name:
+                    continue
+                while parent > 1:
+                    if parent == self.process.pid:
+                        return int(pid)
+                    parent = parent_and_name(parent)[0]
+            except (OSError, ValueError, IndexError):
+                continue
+        raise AssertionError(f"no {name} under the emulator")
 
     def endpoint(self, file):
         return next(ep for ep in self.status()["endpoints"] if ep["file"] == file)
@@ -159,8 +190,8 @@ class Emulator:
         """Shared memory of `size` bytes held by a process inside the namespace.
 
         Returns (share handle, physical address, the bytes, a function that frees it)."""
-        holder = subprocess.Popen([EMUCTL, "--name", self.name, "exec", "--", "/usr/bin/python3",
-                                   SHM_HOLDER, HAL_LIB, str(size), seed],
+        holder = subprocess.Popen([EMUCTL, "--name", self.name, "exec", "--", *_sanitizer_preload(),
+                                   "/usr/bin/python3", SHM_HOLDER, HAL_LIB, str(size), seed],
                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         line = holder.stdout.readline().split()
         if len(line) != 2:

@@ -5,6 +5,7 @@ import os
 import pty
 import queue
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -20,7 +21,8 @@ USBDCTL = os.environ.get("USBDCTL_BIN", os.path.join(BUILD_DIR, "usbdctl"))
 WORK_DIR = os.environ.get("USBDCTL_WORK_DIR", BUILD_DIR)
 
 STAMP = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}"
-LINK_DOWN = "link down or transfer failed (link_type: none (0))"
+LINK_DOWN = "link down: no host to send to (link_type: none (0))"
+NOT_SENT = "usbd could not send the request (link_type: usb (1))"
 
 
 class LineReader:
@@ -229,7 +231,62 @@ class WithDaemon(UsbdctlCase):
         self.assert_status(self.usbdctl("interrupt", *self.socket_args()), 0)
         _, stderr = sender.communicate(timeout=20)
         self.assertEqual(sender.returncode, 5, stderr)
-        self.assertIn(b"link down or transfer failed", stderr)
+        self.assertIn(NOT_SENT.encode(), stderr)
+
+    def test_requests_the_daemon_would_fail_are_refused_here_with_the_reason(self):
+        self.plug()
+        start = len(self.emu.capture())
+        data = self.file("d.bin", b"0123456789")
+        self.assert_status(self.usbdctl("send-data", "--length", 5, "abc"), 1, "--length 5 is more than the 3 bytes")
+        self.assert_status(self.usbdctl("send-file", self.file("empty.bin", b"")), 4, "empty.bin: empty")
+        self.assert_status(self.usbdctl("send-file", self.dir), 4, "not a regular file")
+        fifo = os.path.join(self.dir, "fifo")
+        os.mkfifo(fifo)
+        self.assert_status(self.usbdctl("send-file", fifo), 4, "not a regular file")
+        # 32 segments at most: 33 pieces, or 17 with padding; the socket's entries count alike.
+        self.assert_status(self.usbdctl("send-file", *[data] * 33), 1, "33 pieces need 33 segments")
+        self.assert_status(self.usbdctl("send-file", "--padding", 1, *[data] * 17), 1,
+                           "17 pieces with padding need 34 segments; usbd sends at most 32")
+        texts = [arg for _ in range(17) for arg in ("--text", "x")]
+        self.assert_status(self.usbdctl("socket-send", *self.socket_args(), "--padding", 1, *texts), 1,
+                           "34 segments")
+        self.assertEqual(len(self.emu.capture()), start)
+
+        # The limits themselves go through.
+        self.assert_status(self.usbdctl("send-file", *[data] * 32), 0)
+        self.assert_status(self.usbdctl("send-file", "--padding", 2, *[data] * 16), 0)
+        self.assert_status(self.usbdctl("socket-send", *self.socket_args(), "--padding", 1, *texts[2:]), 0)
+        expected = b"0123456789" * 32 + (b"0123456789" + bytes(2)) * 16 + b"x\0" * 16
+        self.assertEqual(self.captured_after(start, len(expected)), expected)
+
+        # A file usbdctl can read but the daemon cannot see (the emulator's /tmp is private).
+        with tempfile.NamedTemporaryFile(dir="/tmp") as hidden:
+            hidden.write(b"only outside")
+            hidden.flush()
+            result = self.usbdctl("send-file", hidden.name)
+        self.assert_status(result, 5, NOT_SENT)
+        self.assertIn(b"by its absolute path", result.stderr)
+
+    def test_watch_ends_when_the_daemon_or_the_bus_goes_away(self):
+        def watch_until_killed(victim, text):
+            watch = subprocess.Popen([USBDCTL, "watch"], env=self.env, stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE)
+            self.addCleanup(lambda: watch.poll() is None and watch.kill())
+            watch.stdout.readline()  # the first values are out: the watch is under way
+            os.kill(self.emu.pid_of(victim), signal.SIGKILL)
+            _, stderr = watch.communicate(timeout=10)
+            self.assertEqual(watch.returncode, 8, stderr)
+            self.assertRegex(stderr.decode(), f"^usbdctl: {STAMP}: {text}, watch ends\n$")
+
+        # The bus first, while the daemon stays; then the daemon, on a fresh emulator.
+        watch_until_killed("dbus-daemon", "lost the connection to the system bus")
+        self.emu.stop()
+        self.emu = Emulator()
+        self.emu.wait_control()
+        self.emu.wait_ready()
+        self.emu.wait_service()
+        self.env["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.emu.inside('/run/dbus/system_bus_socket')}"
+        watch_until_killed("usbd", "usbd left the bus")
 
     def _ep3(self):
         return next(e for e in self.emu.status()["endpoints"] if e["file"] == "ep3")

@@ -56,7 +56,8 @@ const std::vector<Command> &commands()
              "daemon announces it, until interrupted (Ctrl-C) or --count changes have been seen:\n"
              "  2025-01-31 14:02:07.318 link_type: usb (1)\n"
              "Once the first three lines are out, no later change is missed. When the daemon\n"
-             "leaves the bus and comes back, watch says so and prints the values again.\n"),
+             "leaves the bus or the connection to the bus is lost, watch says so on stderr and\n"
+             "ends with exit status 8: from then on it could not tell a quiet link from none.\n"),
          {{QStringLiteral("count"), QChar(), QStringLiteral("N"),
            QStringLiteral("exit (status 0) after N changes, not counting the first values;\na value announced again unchanged is no change")}},
          runWatch},
@@ -75,7 +76,7 @@ const std::vector<Command> &commands()
            QStringLiteral("the bytes of FILE (at most 255)")},
           {QStringLiteral("length"), QChar(), QStringLiteral("N"),
            QStringLiteral("the length to ask for, 0 to 255 (default: all the bytes);\n"
-                          "the daemon refuses a length beyond the bytes given")},
+                          "at most the number of bytes given")},
           timeoutOption("an answer")},
          runSendData},
         {QStringLiteral("send-file"), QStringLiteral("FILE..."),
@@ -85,7 +86,8 @@ const std::vector<Command> &commands()
              "of each file (from --offset, --size bytes) followed by --padding zero bytes. The\n"
              "options apply to every FILE. The daemon opens the files itself, by their absolute\n"
              "paths, so they must be readable by the daemon under the same path; usbdctl checks\n"
-             "them here first and computes the size of each.\n\n"
+             "them here first (regular, readable, not empty) and computes the size of each.\n"
+             "One request carries at most 32 files, or 16 with --padding.\n\n"
              "Example:\n"
              "  usbdctl send-file header.bin frame.bin\n"
              "  usbdctl send-file --offset 4096 --size 1024 --padding 12 video.bin\n"),
@@ -107,12 +109,19 @@ const std::vector<Command> &commands()
              "the answer has come. Needs /dev/ion. With the stand-in HAL of a development\n"
              "machine the handle names this process, so run usbdctl where the daemon can see\n"
              "it (in the emulator: usbd-emuctl exec -- usbdctl send-shm FILE).\n\n"
+             "The daemon chooses how to reach the memory itself, whatever the request's\n"
+             "use_physical_address flag says: over USB it hands the endpoint the physical\n"
+             "address whenever the HAL reports one (parts that share a write with padding or\n"
+             "the next piece go from its mapping), over the iOS link the library gets the\n"
+             "handle. --physical and --virtual only set that flag; the host receives the same\n"
+             "bytes the same way with either. At most 32 files, or 16 with --padding.\n\n"
              "Example:\n"
-             "  usbdctl send-shm --virtual frame.yuv\n"),
+             "  usbdctl send-shm frame.yuv\n"),
          {{QStringLiteral("physical"), QChar(), QString(),
-           QStringLiteral("the daemon sends from the memory's physical address (default)")},
+           QStringLiteral("send with use_physical_address true (default)")},
           {QStringLiteral("virtual"), QChar(), QString(),
-           QStringLiteral("the daemon maps the memory and sends from its virtual address")},
+           QStringLiteral("send with use_physical_address false; the daemon does\n"
+                          "not act on the flag, so this changes nothing on the wire")},
           kAlignment,
           kPadding,
           kSessionId,
@@ -143,7 +152,8 @@ const std::vector<Command> &commands()
              "Sends one request over the daemon's Unix socket and waits for its 8-byte answer.\n"
              "Each --text, --hex, --file and --handle adds one entry, in command-line order, and\n"
              "the host receives them in that order, each followed by --padding zero bytes. Data\n"
-             "of memory entries travels inside the request, which holds 4096 bytes at most;\n"
+             "of memory entries travels inside the request, which holds 4096 bytes and 32\n"
+             "entries (16 with --padding) at most;\n"
              "--handle names shared memory that another process holds (the daemon sends it\n"
              "from its physical address). Without entries the request is empty and is answered\n"
              "as soon as the daemon's queue reaches it.\n\n"

@@ -53,7 +53,24 @@ int DBusClient::connect()
     return kExitOtherError;
 }
 
-int DBusClient::report(const QString &errorName, const QString &message, int timeoutMs)
+int DBusClient::reportTransferFailed(const QString &causes)
+{
+    const std::optional<int> linkType = linkTypeQuietly();
+    if (linkType && *linkType == 0) {
+        std::fprintf(stderr, "usbdctl: link down: no host to send to (link_type: %s)\n",
+                     qPrintable(describeLinkType(*linkType)));
+    } else {
+        const QString link = linkType ? QStringLiteral(" (link_type: %1)").arg(describeLinkType(*linkType))
+                                      : QString();
+        std::fprintf(stderr, "usbdctl: usbd could not send the request%s: %s; its log says which\n",
+                     qPrintable(link),
+                     qPrintable(causes.isEmpty() ? QStringLiteral("the transfer broke off") : causes));
+    }
+    return kExitTransferFailed;
+}
+
+int DBusClient::report(const QString &errorName, const QString &message, int timeoutMs,
+                       const QString &causes)
 {
     const int code = exitCodeForDBusError(errorName, message);
     switch (code) {
@@ -73,15 +90,8 @@ int DBusClient::report(const QString &errorName, const QString &message, int tim
                      "or the request was dropped when the link changed\n",
                      timeoutMs / 1000.0);
         break;
-    case kExitTransferFailed: {
-        const std::optional<int> linkType = linkTypeQuietly();
-        if (linkType && *linkType == 0)
-            std::fprintf(stderr, "usbdctl: link down or transfer failed (link_type: %s)\n",
-                         qPrintable(describeLinkType(*linkType)));
-        else
-            std::fprintf(stderr, "usbdctl: link down or transfer failed\n");
-        break;
-    }
+    case kExitTransferFailed:
+        return reportTransferFailed(causes);
     default:
         std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(errorName), qPrintable(message));
         break;
@@ -90,7 +100,7 @@ int DBusClient::report(const QString &errorName, const QString &message, int tim
 }
 
 int DBusClient::call(const QString &method, const QVariantList &arguments, int timeoutMs,
-                     Progress *progress, QDBusMessage *reply)
+                     Progress *progress, QDBusMessage *reply, const QString &causes)
 {
     QDBusMessage message = QDBusMessage::createMethodCall(QLatin1String(kService),
                                                           QLatin1String(kObjectPath),
@@ -115,7 +125,7 @@ int DBusClient::call(const QString &method, const QVariantList &arguments, int t
     if (progress)
         progress->finish(succeeded);
     if (!succeeded)
-        return report(answer.errorName(), answer.errorMessage(), timeoutMs);
+        return report(answer.errorName(), answer.errorMessage(), timeoutMs, causes);
     if (reply)
         *reply = answer;
     return kExitOk;

@@ -30,7 +30,8 @@ public:
     // Calls a method of the service's interface and waits up to timeoutMs for the reply,
     // keeping progress (if any) up to date. On success *reply holds the reply when asked for.
     int call(const QString &method, const QVariantList &arguments, int timeoutMs,
-             Progress *progress = nullptr, QDBusMessage *reply = nullptr);
+             Progress *progress = nullptr, QDBusMessage *reply = nullptr,
+             const QString &causes = QString());
 
     // All three properties in one round trip.
     int readProperties(QVariantMap *properties);
@@ -40,7 +41,13 @@ public:
     std::optional<int> linkTypeQuietly();
 
     // Prints the error the way the user needs to read it and returns the exit status.
-    int report(const QString &errorName, const QString &message, int timeoutMs = 0);
+    // causes: what, besides a link that is down, can make this request fail at the daemon.
+    int report(const QString &errorName, const QString &message, int timeoutMs = 0,
+               const QString &causes = QString());
+
+    // The daemon answers every failure alike; the link type tells a link that is down from a
+    // request that the daemon could not carry out. Returns kExitTransferFailed.
+    int reportTransferFailed(const QString &causes);
 
 private:
     bool session_;

@@ -30,6 +30,7 @@ constexpr quint64 kDefaultTimeoutSeconds = 60;
 constexpr quint64 kMaxTimeoutSeconds = 24 * 3600;
 constexpr int kMaxSendDataBytes = 255;
 constexpr int kReceivePollMs = 100;
+constexpr int kConnectionCheckMs = 500;
 constexpr char kIonNode[] = "/dev/ion";
 
 // The order in which status and watch show the properties: the link first, since the other
@@ -103,21 +104,22 @@ public slots:
         }
     }
 
+    // A watch that went on after the daemon or the bus had gone would look like a quiet link
+    // to whoever reads its output; it ends instead, so that the reader can tell.
     void onServiceGone()
     {
-        printLine(QStringLiteral("%1 usbd left the bus").arg(timestamp()));
+        end(QStringLiteral("usbd left the bus"));
     }
 
-    void onServiceBack()
+    void onDisconnected()
     {
-        printLine(QStringLiteral("%1 usbd is on the bus again").arg(timestamp()));
-        // A restarted daemon starts from its initial values: show them all once more.
-        last_.clear();
-        QVariantMap properties;
-        if (client_->readProperties(&properties) == kExitOk) {
-            for (const char *name : kPropertyOrder)
-                printChange(QLatin1String(name), properties.value(QLatin1String(name)));
-        }
+        end(QStringLiteral("lost the connection to the %1").arg(client_->busName()));
+    }
+
+    void checkConnected()
+    {
+        if (!client_->connection().isConnected())
+            onDisconnected();
     }
 
     // The first values, printed and remembered as the base that changes are told against.
@@ -132,6 +134,15 @@ public slots:
     }
 
 private:
+    void end(const QString &why)
+    {
+        if (finished_)
+            return;
+        finished_ = true;
+        std::fprintf(stderr, "usbdctl: %s: %s, watch ends\n", qPrintable(timestamp()), qPrintable(why));
+        QCoreApplication::exit(kExitGone);
+    }
+
     void printChange(const QString &name, const QVariant &value)
     {
         // Lines of a batch that arrived together are still delivered after exit() was asked for.
@@ -157,10 +168,10 @@ private:
 };
 
 int sendMaps(DBusClient &client, const QString &method, const QList<QVariantMap> &maps,
-             quint64 totalBytes, int timeoutMs)
+             quint64 totalBytes, int timeoutMs, const QString &causes)
 {
     Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), totalBytes);
-    return client.call(method, {QVariant::fromValue(maps)}, timeoutMs, &progress);
+    return client.call(method, {QVariant::fromValue(maps)}, timeoutMs, &progress, nullptr, causes);
 }
 
 bool readSmallFile(const QString &path, int limit, QByteArray *out, int *exitCode)
@@ -228,8 +239,14 @@ int runWatch(const Arguments &arguments)
                                 QDBusServiceWatcher::WatchForOwnerChange);
     QObject::connect(&service, &QDBusServiceWatcher::serviceUnregistered, &watcher,
                      &PropertyWatcher::onServiceGone);
-    QObject::connect(&service, &QDBusServiceWatcher::serviceRegistered, &watcher,
-                     &PropertyWatcher::onServiceBack);
+    // The bus's own goodbye when the connection drops, and a look now and then in case it is
+    // never delivered (a bus that simply vanishes).
+    client.connection().connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                                QStringLiteral("org.freedesktop.DBus.Local"),
+                                QStringLiteral("Disconnected"), &watcher, SLOT(onDisconnected()));
+    QTimer connectionCheck;
+    QObject::connect(&connectionCheck, &QTimer::timeout, &watcher, &PropertyWatcher::checkConnected);
+    connectionCheck.start(kConnectionCheckMs);
 
     QVariantMap properties;
     if (const int code = client.readProperties(&properties); code != kExitOk)
@@ -266,6 +283,9 @@ int runSendData(const Arguments &arguments)
     if (!numberOption(arguments, QStringLiteral("length"), kMaxSendDataBytes, quint64(data.size()),
                       &length, &exitCode))
         return exitCode;
+    // The daemon refuses such a request with the same answer as a link that is down.
+    if (length > quint64(data.size()))
+        return usageError(QStringLiteral("--length %1 is more than the %2 bytes given").arg(length).arg(data.size()));
     int timeoutMs = 0;
     if (!timeoutOption(arguments, &timeoutMs, &exitCode))
         return exitCode;
@@ -327,7 +347,10 @@ int runSendFile(const Arguments &arguments)
     DBusClient client(arguments.has(QStringLiteral("session")));
     if (const int code = client.connect(); code != kExitOk)
         return code;
-    return sendMaps(client, QStringLiteral("send_file"), maps, total, timeoutMs);
+    return sendMaps(client, QStringLiteral("send_file"), maps, total, timeoutMs,
+                    QStringLiteral("it opens each file itself, by its absolute path, so a file it "
+                                   "cannot see or read there fails the request, as does a file that "
+                                   "changed size; or the transfer broke off"));
 }
 
 int runSendShm(const Arguments &arguments)
@@ -371,6 +394,9 @@ int runSendShm(const Arguments &arguments)
             return usageError(QStringLiteral("%1: larger than one shared buffer can be").arg(path));
         files.append(info);
     }
+    PlanError limit;
+    if (!checkSegments(files.size(), quint32(padding), &limit))
+        return usageError(limit.message);
 
     // The daemon imports each buffer by handle from this process, so the memory must outlive
     // the reply: it is released only when this function returns.
@@ -398,6 +424,7 @@ int runSendShm(const Arguments &arguments)
         piece.size = size;
         piece.elementAlignment = qint32(alignment);
         piece.elementPadding = qint32(padding);
+        // Only the flag: the daemon picks the address itself (see the option's help).
         piece.usePhysicalAddress = !arguments.has(QStringLiteral("virtual"));
         piece.sessionId = quint16(sessionId);
         if (piece.handle == 0) {
@@ -412,7 +439,9 @@ int runSendShm(const Arguments &arguments)
     DBusClient client(arguments.has(QStringLiteral("session")));
     if (const int code = client.connect(); code != kExitOk)
         return code;
-    return sendMaps(client, QStringLiteral("send_shm_data"), maps, total, timeoutMs);
+    return sendMaps(client, QStringLiteral("send_shm_data"), maps, total, timeoutMs,
+                    QStringLiteral("it could not import the shared memory of this process, or the "
+                                   "transfer broke off"));
 }
 
 int runReceive(const Arguments &arguments)

@@ -48,11 +48,13 @@ void printMainHelp(FILE *out)
         "  2  usbd is not running: nothing owns com.korvane.usbd on the bus, or nothing\n"
         "     listens on the socket\n"
         "  3  access denied: the bus lets only root and members of the group \"usbd\" in\n"
-        "  4  a local file is missing or unreadable\n"
-        "  5  the transfer failed: the link is down (link_type none) or the transfer broke off\n"
+        "  4  a local file is missing, unreadable, not a regular file or empty\n"
+        "  5  the transfer failed: the link is down (link_type none), or usbd could not carry\n"
+        "     out the request (a file it cannot read, the transfer broke off, ...)\n"
         "  6  another D-Bus or socket error (no bus, the daemon closed the connection, ...)\n"
         "  7  no answer in time (see --timeout); a request still queued when the link type\n"
-        "     changes is dropped and never answered\n\n"
+        "     changes is dropped and never answered\n"
+        "  8  watch: usbd left the bus, or the connection to the bus was lost\n\n"
         "Environment:\n"
         "  DBUS_SYSTEM_BUS_ADDRESS   the system bus to use (DBUS_SESSION_BUS_ADDRESS with -s)\n\n"
         "Examples:\n"
@@ -73,7 +75,8 @@ void printCommandHelp(const Command &command)
         options.push_back(common);
     text += describeOptions(options);
     text += QStringLiteral("\nExit status: 0 done; 1 usage; 2 usbd not running; 3 access denied;\n"
-                           "4 local file; 5 transfer failed; 6 other error; 7 timeout.\n");
+                           "4 local file; 5 transfer failed; 6 other error; 7 timeout;\n"
+                           "8 usbd or the bus went away (watch).\n");
     std::fputs(qPrintable(text), stdout);
 }
 

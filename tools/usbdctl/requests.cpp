@@ -6,6 +6,7 @@
 #include <QFileInfo>
 
 #include <ostr/CUsbD.h>
+#include <usbd/client.h>
 
 #include "arguments.h"
 
@@ -91,6 +92,12 @@ bool planFilePieces(const QStringList &files, const FileOptions &options, QList<
             return false;
         }
         const quint64 fileSize = quint64(info.size());
+        // The daemon maps the whole file, and an empty one cannot be mapped.
+        if (fileSize == 0) {
+            *error = {kExitLocalFile, QStringLiteral("%1: empty; the daemon cannot send an empty file")
+                                          .arg(file)};
+            return false;
+        }
         const quint64 offset = options.offset.value_or(0);
         if (offset > kMaxOffset) {
             *error = {kExitUsage, QStringLiteral("--offset %1 is too large (at most %2)")
@@ -124,8 +131,26 @@ bool planFilePieces(const QStringList &files, const FileOptions &options, QList<
         piece.sessionId = options.sessionId;
         pieces.append(piece);
     }
+    if (!checkSegments(pieces.size(), options.elementPadding, error))
+        return false;
     *out = pieces;
     return true;
+}
+
+bool checkSegments(int pieces, quint32 elementPadding, PlanError *error)
+{
+    const std::size_t segments = std::size_t(pieces) * usbd::client::segmentsOf(elementPadding);
+    if (segments <= usbd::client::kMaxSegments)
+        return true;
+    *error = {kExitUsage,
+              QStringLiteral("%1 pieces%2 need %3 segments; usbd sends at most %4 in one request "
+                             "(%4 pieces, or %5 with padding): send them in several requests")
+                  .arg(pieces)
+                  .arg(elementPadding ? QStringLiteral(" with padding") : QString())
+                  .arg(segments)
+                  .arg(usbd::client::kMaxSegments)
+                  .arg(usbd::client::kMaxSegments / 2)};
+    return false;
 }
 
 QVariantMap shmMap(const ShmPiece &piece)

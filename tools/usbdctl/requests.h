@@ -20,6 +20,7 @@ constexpr int kExitLocalFile = 4;
 constexpr int kExitTransferFailed = 5;
 constexpr int kExitOtherError = 6;
 constexpr int kExitTimeout = 7;
+constexpr int kExitGone = 8; // watch: usbd left the bus, or the bus connection was lost
 
 // The error text the daemon answers a request with when any of it could not be sent.
 constexpr char kTransferFailedText[] = "Failed to send buffer";
@@ -62,10 +63,16 @@ struct PlanError {
 };
 
 // Turns file names into pieces: absolute paths (the daemon has its own working directory),
-// each file readable here, and offset + size within it. Fails with kExitLocalFile for a file
-// that is missing or unreadable and kExitUsage for a range that does not fit.
+// each file a readable, non-empty regular file here, and offset + size within it. Fails with
+// kExitLocalFile for a file that is missing, not a regular file, unreadable or empty, and
+// kExitUsage for a range that does not fit or more pieces than one request can carry.
 bool planFilePieces(const QStringList &files, const FileOptions &options, QList<FilePiece> *out,
                     PlanError *error);
+
+// The daemon sends a request in at most 32 segments, one per piece and one per padding (see
+// usbd::client::kMaxSegments); a longer request would fail there like a broken link. False,
+// with kExitUsage and the reason, when `pieces` pieces with that padding need more.
+bool checkSegments(int pieces, quint32 elementPadding, PlanError *error);
 
 // One send_shm_data piece.
 struct ShmPiece {

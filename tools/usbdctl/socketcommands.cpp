@@ -122,9 +122,9 @@ int runSocketSend(const Arguments &arguments)
         total += quint64(bytes.size()) + padding;
     }
     std::vector<std::uint8_t> encoded;
-    if (!request.encode(&encoded))
-        return usageError(QStringLiteral("the request needs %1 bytes; one socket request holds at most %2")
-                              .arg(request.encodedSize()).arg(usbd::client::kMaxRequestSize));
+    std::string why;
+    if (!request.encode(&encoded, &why))
+        return usageError(QString::fromStdString(why));
 
     const QString path = socketPath(arguments);
     usbd::client::Connection connection;
@@ -167,13 +167,8 @@ int runSocketSend(const Arguments &arguments)
         return kExitOk;
 
     DBusClient client(arguments.has(QStringLiteral("session")));
-    const std::optional<int> linkType = client.linkTypeQuietly();
-    if (linkType && *linkType == 0)
-        std::fprintf(stderr, "usbdctl: link down or transfer failed (link_type: %s)\n",
-                     qPrintable(describeLinkType(*linkType)));
-    else
-        std::fprintf(stderr, "usbdctl: link down or transfer failed\n");
-    return kExitTransferFailed;
+    return client.reportTransferFailed(
+        QStringLiteral("a shared-memory handle it could not import, or the transfer broke off"));
 }
 
 int runInterrupt(const Arguments &arguments)

@@ -21,6 +21,15 @@ constexpr char kDefaultSocketPath[] = "/tmp/usbd-socket";
 constexpr std::size_t kMaxRequestSize = 4096;
 constexpr std::size_t kResponseSize = 8;
 
+// The daemon hands a request to the USB endpoint in at most kMaxSegments pieces: one for the
+// data of each memory or handle entry and one more for its padding when that is not 0, so 32
+// entries without padding or 16 with. It finds a longer request out only when it comes to send
+// it and then answers -1, which looks like a broken link; encode() refuses one instead.
+constexpr std::size_t kMaxSegments = 32;
+
+// The segments one memory or handle entry (or D-Bus piece) takes.
+constexpr std::size_t segmentsOf(std::uint32_t elementPadding) { return elementPadding ? 2 : 1; }
+
 // Entry types of a send request. Any other type is skipped by the daemon.
 constexpr std::uint32_t kEntryEnd = 0;
 constexpr std::uint32_t kEntryMemory = 1;
@@ -46,10 +55,13 @@ public:
     std::size_t entryCount() const { return entries_.size(); }
     // The encoded length: header, entries, end entry, memory data.
     std::size_t encodedSize() const;
-    // Encodes into *out. Returns false, with *out empty, when the request would not fit in
-    // kMaxRequestSize bytes.
-    bool encode(std::vector<std::uint8_t> *out) const;
-    std::vector<std::uint8_t> encode() const; // empty when it does not fit
+    // The segments the daemon needs to send it (see kMaxSegments).
+    std::size_t segmentCount() const;
+    // Encodes into *out. Returns false, with *out empty and a sentence saying why in *error (if
+    // given), when the request would not fit in kMaxRequestSize bytes or needs more than
+    // kMaxSegments segments.
+    bool encode(std::vector<std::uint8_t> *out, std::string *error = nullptr) const;
+    std::vector<std::uint8_t> encode() const; // empty when it cannot be sent
 
 private:
     struct Entry {

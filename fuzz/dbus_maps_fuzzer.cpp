@@ -184,14 +184,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             QStringLiteral("com.korvane.usbd"), QStringLiteral("/com/korvane/usbd"),
             QStringLiteral("com.korvane.usbd"), files ? "send_file" : "send_shm_data");
         if (files)
-            queueMaps(&queue, maps, fileKeys(), fileChecked, call);
+            queueMaps(&queue, maps, fileKeys(), validFileMap, fileChecked, call);
         else
-            queueMaps(&queue, maps, shmKeys(), shmChecked, call);
+            queueMaps(&queue, maps, shmKeys(), validShmMap, shmChecked, call);
     }
 
     // Every map up to the first that fails is built, and none after it.
     int passing = 0;
-    while (passing < maps.size() && mapPasses(maps.at(passing), files ? kFileTypes : kShmTypes))
+    // The daemon's own value checks (no negative padding, only regular files) come after the
+    // key and type checks, as in the decoder.
+    auto passes = [&](const QVariantMap &map) {
+        return mapPasses(map, files ? kFileTypes : kShmTypes) &&
+               (files ? validFileMap(map) : validShmMap(map));
+    };
+    while (passing < maps.size() && passes(maps.at(passing)))
         ++passing;
     check(built == passing);
     return 0;

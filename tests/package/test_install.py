@@ -95,7 +95,7 @@ class Install(unittest.TestCase):
                             os.path.join(sysroot, "include"), dirs_exist_ok=True)
         build = os.path.join(self.tmp, "device")
         run("cmake", "-S", SOURCE_DIR, "-B", build, "-G", "Ninja", "-DUSBD_PLATFORM=device",
-            f"-DCMAKE_PREFIX_PATH={sysroot}", "-DCMAKE_INSTALL_PREFIX=/usr", "-DCMAKE_BUILD_TYPE=Release")
+            "-DUSBD_BUILD_HOST=OFF", f"-DCMAKE_PREFIX_PATH={sysroot}", "-DCMAKE_INSTALL_PREFIX=/usr", "-DCMAKE_BUILD_TYPE=Release")
         run("cmake", "--build", build, "--target", "usbd", "usbdctl", "manpages")
         stage = os.path.join(self.tmp, "stage")
         run("cmake", "--install", build, env=dict(os.environ, DESTDIR=stage))

@@ -335,13 +335,12 @@ class Kernel(unittest.TestCase):
 
     def stalled_host_then_interrupt(self):
         path = write_file("big.bin", payload(4 << 20, 6))
-        sender = subprocess.Popen([USBDCTL, "send-file", path], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        sender = Sender("send-file", path)
         time.sleep(1.0)
-        self.assertIsNone(sender.poll(), "the send waits while the host does not read")
+        self.assertIsNone(sender.process.poll(), "the send waits while the host does not read")
         started = time.monotonic()
         usbdctl("interrupt")
-        sender.wait(timeout=10)
-        self.assertEqual(sender.returncode, 5, sender.stderr.read())
+        self.assertEqual(sender.result(10)[0], 5)
         self.assertLess(time.monotonic() - started, 2.0)
         self.host.drain()
         sender = Sender("send-data", "after interrupt")
@@ -356,25 +355,22 @@ class Kernel(unittest.TestCase):
                          "known daemon fault: a request made before a pull can reach the next host")
     def test_6_cable_pull_in_the_middle_of_a_transfer(self):
         path = write_file("big.bin", payload(4 << 20, 7))
-        in_flight = subprocess.Popen([USBDCTL, "send-file", "--timeout", "20", path],
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        in_flight = Sender("send-file", "--timeout", "20", path)
         time.sleep(1.0)
-        waiting = subprocess.Popen([USBDCTL, "send-data", "--timeout", "20", "queued before the pull"],
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        waiting = Sender("send-data", "--timeout", "20", "queued before the pull")
         self.host.read_exact(64 * 1024)
         time.sleep(0.5)
         soft_connect("disconnect")
         wait_link((0, False, 0))
-        in_flight.wait(timeout=10)
-        self.assertEqual(in_flight.returncode, 5, in_flight.stderr.read())
+        self.assertEqual(in_flight.result(10)[0], 5)
         self.rebind()
         wait_link((1, False, 500))
         sender = Sender("send-data", "after the pull")
         # Nothing from before the pull reaches the new host: only the new request arrives.
         got = self.host.read_exact(14, 5000) + self.host.drain()
         sender.done()
-        waiting.wait(timeout=25)
-        self.assertEqual(got, b"after the pull", f"the request made before the pull ended {waiting.returncode}")
+        ended = waiting.result(25)[0]
+        self.assertEqual(got, b"after the pull", f"the request made before the pull ended {ended}")
 
     def test_7_unbind_and_super_speed(self):
         self.host.close()

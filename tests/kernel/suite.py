@@ -259,6 +259,11 @@ class Kernel(unittest.TestCase):
 
     def test_1_high_speed_enumeration_and_link(self):
         self.check_enumeration(super_speed=False)
+        # The gadget's set-up run again on a bound gadget changes nothing.
+        self.assertIn(b"already bound", run(GADGET, "setup").stdout)
+        self.assertIn(b"already bound", run(GADGET, "bind").stdout)
+        self.assertIn(b"udc: dummy_udc.0 state configured speed high-speed", run(GADGET, "status").stdout)
+        self.assertEqual(link_state(), (1, False, 500))
         # A client that is not ours reads the same properties.
         out = run("gdbus", "call", "--system", "--dest", SERVICE, "--object-path", PATH, "--method",
                   "org.freedesktop.DBus.Properties.GetAll", SERVICE).stdout.decode()

@@ -163,6 +163,10 @@ class Host:
 
 
 def start_daemon():
+    # The guest's /tmp shows the host's, where a daemon may have left its socket; as its unit
+    # does, remove it first, or the socket front end stays off.
+    if os.path.lexists("/tmp/usbd-socket"):
+        os.unlink("/tmp/usbd-socket")
     log = state["log"] = open(os.path.join(OUT, "usbd.log"), "ab")
     env = dict(os.environ, QT_LOGGING_RULES="usbd.debug=true;usbconn.debug=true;usbdsocket.debug=true")
     state["usbd"] = subprocess.Popen([USBD], stdout=log, stderr=subprocess.STDOUT, env=env)

@@ -364,11 +364,8 @@ class Kernel(unittest.TestCase):
         self.rebind()
         wait_link((1, False, 500))
 
-    # The daemon today does not always end the stalled write on an interrupt (about one run in
-    # seven here: no EINTR, the send ends only at the pull below). Left out of a green run until
-    # it does every time (USBD_KERNEL_FAULTS=1 runs it).
-    @unittest.skipUnless(os.environ.get("USBD_KERNEL_FAULTS") == "1",
-                         "known daemon fault: an interrupt does not always end a stalled write")
+    # An interrupt must end the stalled write every time; a daemon that missed it about one run
+    # in seven here left the send waiting until the pull below.
     def test_5_stalled_host_then_interrupt(self):
         try:
             self.stalled_host_then_interrupt()
@@ -392,12 +389,9 @@ class Kernel(unittest.TestCase):
         self.assertEqual(self.host.drain(1000)[-15:], b"after interrupt")
         sender.done()
 
-    # The daemon today may hand the request that waited behind the one in flight at the pull to the
-    # next host, and report it sent; whether it does is a race between the transfer thread and
-    # the link change. Until the transport ends it, a green run needs this left out: it runs with
-    # USBD_KERNEL_FAULTS=1 (scripts/kernel-test passes it in).
-    @unittest.skipUnless(os.environ.get("USBD_KERNEL_FAULTS") == "1",
-                         "known daemon fault: a request made before a pull can reach the next host")
+    # The request waiting behind the one in flight at the pull must not reach the next host; a
+    # daemon whose transfer thread took it before the link change handed it over after the
+    # re-bind and reported it sent (a race, so this does not catch it on every run).
     def test_6_cable_pull_in_the_middle_of_a_transfer(self):
         path = write_file("big.bin", payload(4 << 20, 7))
         in_flight = Sender("send-file", "--timeout", "20", path)
@@ -434,10 +428,7 @@ class Kernel(unittest.TestCase):
         self.assertEqual(run(GADGET, "status").returncode, 0)
 
     # f_fs copies each write into one kernel buffer of the call's size, and dummy_hcd does no
-    # scatter-gather: the daemon's 8 MiB writev calls fail with ENOMEM here, so any request over
-    # 8 MiB fails. Left out of a green run until the transport copes (USBD_KERNEL_FAULTS=1).
-    @unittest.skipUnless(os.environ.get("USBD_KERNEL_FAULTS") == "1",
-                         "known daemon fault: writes of 8 MiB fail with ENOMEM on this controller")
+    # scatter-gather: 8 MiB writes fail with ENOMEM here, so the transport must send smaller ones.
     def test_8_large_file(self):
         data = payload(20 << 20, 9)
         sender = Sender("send-file", write_file("large.bin", data))

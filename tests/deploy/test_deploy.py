@@ -16,6 +16,7 @@ from usbdtest import BUILD_DIR, USBD, Emulator, wait_for  # noqa: E402
 SOURCE_DIR = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 POLICY = os.path.join(SOURCE_DIR, "deploy", "dbus", "com.korvane.usbd.conf")
 UNIT = os.path.join(SOURCE_DIR, "deploy", "systemd", "usbd.service")
+GADGET_UNIT = os.path.join(SOURCE_DIR, "deploy", "systemd", "usbd-gadget.service")
 SYSUSERS = os.path.join(SOURCE_DIR, "deploy", "sysusers", "usbd.conf")
 USBDCTL = os.environ.get("USBDCTL_BIN", os.path.join(BUILD_DIR, "usbdctl"))
 # Files that processes inside the emulator read must lie outside /tmp, which is private there.
@@ -155,7 +156,8 @@ class InstalledFiles(unittest.TestCase):
                                 env=dict(os.environ, DESTDIR=root), capture_output=True, timeout=120)
         self.assertEqual(result.returncode, 0, result.stderr)
         for path in ("usr/share/dbus-1/system.d/com.korvane.usbd.conf", "usr/lib/systemd/system/usbd.service",
-                     "usr/lib/sysusers.d/usbd.conf", "usr/sbin/usbd", "usr/bin/usbdctl"):
+                     "usr/lib/sysusers.d/usbd.conf", "usr/sbin/usbd", "usr/bin/usbdctl",
+                     "usr/lib/systemd/system/usbd-gadget.service", "usr/sbin/usbd-gadget"):
             self.assertTrue(os.path.isfile(os.path.join(root, path)), path)
 
         with open(UNIT) as f:
@@ -185,10 +187,20 @@ class InstalledFiles(unittest.TestCase):
             unit = f.read()
         # The daemon is not installed on this machine: verify against the built one, which
         # also lets the verifier check the executable.
+        # The daemon's unit requires the gadget's, so both are verified together, each program
+        # taken from the tree.
+        gadget_script = os.path.join(SOURCE_DIR, "deploy", "gadget", "usbd-gadget")
         copy = os.path.join(folder.name, "usbd.service")
         with open(copy, "w") as f:
-            f.write(unit.replace("ExecStart=/usr/sbin/usbd", f"ExecStart={os.path.abspath(USBD)}"))
-        result = subprocess.run(["systemd-analyze", "verify", copy], capture_output=True, timeout=60)
+            f.write(unit.replace("/usr/sbin/usbd-gadget", gadget_script)
+                    .replace("ExecStart=/usr/sbin/usbd", f"ExecStart={os.path.abspath(USBD)}"))
+        gadget_copy = os.path.join(folder.name, "usbd-gadget.service")
+        with open(GADGET_UNIT) as f:
+            gadget_unit = f.read()
+        with open(gadget_copy, "w") as f:
+            f.write(gadget_unit.replace("/usr/sbin/usbd-gadget", gadget_script))
+        result = subprocess.run(["systemd-analyze", "verify", copy, gadget_copy], capture_output=True,
+                                timeout=60)
         # Unknown or misspelt settings are only warned about, so any output is a failure.
         self.assertEqual((result.returncode, result.stdout + result.stderr), (0, b""))
 

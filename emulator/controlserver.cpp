@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -36,8 +37,12 @@ bool validNumber(const std::string &text, long max, long &value)
 {
     if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos)
         return false;
-    value = std::stol(text);
-    return value <= max;
+    // Ten digits fit in long long everywhere, not in a 32-bit long.
+    const long long parsed = std::stoll(text);
+    if (parsed > max)
+        return false;
+    value = long(parsed);
+    return true;
 }
 
 bool parseHex8(const std::string &text, uint8_t out[8])
@@ -287,7 +292,7 @@ void ControlServer::handle(Message &request, int conn, std::vector<uint8_t> &pus
         ok();
     } else if (cmd == "short") {
         long bytes = 0;
-        if (args.size() != 2 || !validNumber(args[1], 1L << 40, bytes)) {
+        if (args.size() != 2 || !validNumber(args[1], LONG_MAX, bytes)) {
             usage("short N [--ep FILE]");
             return;
         }

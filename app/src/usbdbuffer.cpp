@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <limits>
 
 #include <QDebug>
@@ -111,21 +112,37 @@ bool UsbDBufferPath::map()
         unmapAndClose();
         return false;
     }
-    if (st.st_size < 0 || quint64(st.st_size) > std::numeric_limits<size_t>::max()) {
+    if (st.st_size < 0) {
         qCWarning(lcUsbdBuffer) << "file too large to map:" << path_;
         return false;
     }
+    const quint64 fileSize = quint64(st.st_size);
 
     // The whole file from byte 0: offset and size are applied by the reader, and the range
     // check below is against the file's size at this moment. An empty file fails here
     // (zero-length mappings are refused) without a message.
-    mappingLength_ = size_t(st.st_size);
+    quint64 length = fileSize;
+    if (length > std::numeric_limits<size_t>::max()) {
+        // Larger than the address space (a file over 4 GiB on a 32-bit device): only the part
+        // up to the end of the range is mapped. The range's bytes are where a whole mapping
+        // would have them, so the reader sees what a 64-bit build sees.
+        if (!rangeWithin(offset_, size_, fileSize)) {
+            warnOutOfRange("file buffer", offset_, size_, fileSize);
+            return false;
+        }
+        length = std::max<quint64>(quint64(offset_) + size_, 1);
+        if (length > std::numeric_limits<size_t>::max()) {
+            qCWarning(lcUsbdBuffer) << "file too large to map:" << path_;
+            return false;
+        }
+    }
+    mappingLength_ = size_t(length);
     mapping_ = ::mmap(nullptr, mappingLength_, PROT_READ, MAP_SHARED, fd_.get(), 0);
     if (mapping_ == MAP_FAILED)
         return false;
 
-    if (!rangeWithin(offset_, size_, mappingLength_)) {
-        warnOutOfRange("file buffer", offset_, size_, mappingLength_);
+    if (!rangeWithin(offset_, size_, fileSize)) {
+        warnOutOfRange("file buffer", offset_, size_, fileSize);
         return false;
     }
     return true;

@@ -13,6 +13,8 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <usbd/unique_fd.h>
+
 #include "datapath_fakes.h"
 
 namespace {
@@ -57,6 +59,40 @@ TEST(Buffers, RangesOutsideTheRegionAreRefused)
     const QString missing = dir.filePath(QStringLiteral("missing"));
     EXPECT_FALSE(UsbDBufferPath(missing, 0, 1, 0, 0, 0, nullptr).map());
     EXPECT_EQ(log.messages(), QStringList{"file not found: " + missing});
+}
+
+TEST(Buffers, FilesLargerThanFourGiBGiveTheSameBytesOnEveryArchitecture)
+{
+    // A sparse 5 GiB file: marks at byte 5, just below 4 GiB and at 4 GiB + 5. Offsets and
+    // sizes are 32-bit, so an offset of 4 GiB + 5 has already become 5 before it gets here.
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("large"));
+    {
+        usbd::UniqueFd fd(::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT, 0600));
+        ASSERT_TRUE(fd);
+        const off_t fourGiB = off_t(1) << 32;
+        ASSERT_EQ(::pwrite(fd.get(), "small", 5, 5), 5);
+        ASSERT_EQ(::pwrite(fd.get(), "below", 5, fourGiB - 5), 5);
+        ASSERT_EQ(::pwrite(fd.get(), "above", 5, fourGiB + 5), 5);
+        ASSERT_EQ(::ftruncate(fd.get(), 5 * fourGiB / 4), 0);
+    }
+
+    UsbDBufferPath low(path, 5, 5, 0, 0, 0, nullptr);
+    ASSERT_TRUE(low.map());
+    EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(low.virtualAddress() + low.offset()), 5),
+              "small");
+
+    // The last bytes a 32-bit offset reaches need almost 4 GiB of address space from byte 0:
+    // a 32-bit process may not have it, and then the map fails instead of reading elsewhere.
+    UsbDBufferPath high(path, 0xfffffffbu, 5, 0, 0, 0, nullptr);
+    if (high.map()) {
+        EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(high.virtualAddress() + high.offset()), 5),
+                  "below");
+    } else {
+        EXPECT_EQ(sizeof(void *), 4u);
+    }
+    // Past the end of the file is refused whatever the file's size.
+    EXPECT_FALSE(UsbDBufferPath(path, 0xfffffffbu, 0xffffffffu, 0, 0, 0, nullptr).map());
 }
 
 TEST(Buffers, RepeatedMapsAndDestructionLeaveNothingBehind)

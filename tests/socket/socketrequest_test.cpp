@@ -64,6 +64,26 @@ TEST(SocketRequest, DocumentedExampleIsFortyFiveBytesWithOneMemoryEntry)
     EXPECT_EQ(request.entries[0].offset, 40u);
 }
 
+TEST(SocketRequest, HandleEntryAndInterruptBytesAreTheSameOnEveryArchitecture)
+{
+    // Fixed bytes, so that a 32-bit build (other alignment of the 64-bit handle) cannot drift.
+    const Bytes expected = {0x01, 0, 0, 0, 0x04, 0x03, 0x02, 0x01, // send, id 0x01020304
+                            0x02, 0, 0, 0, 0, 0, 0x01, 0,          // handle, 65536 bytes
+                            0, 0x10, 0, 0, 0x20, 0, 0, 0, 0x07, 0, 0, 0, // at 4096, align 32, pad 7
+                            0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, // handle, low word first
+                            0, 0, 0, 0};                           // end entry
+    usbd::client::SendRequest send(0x01020304);
+    send.addHandle(0x1122334455667788ull, 4096, 65536, 32, 7);
+    EXPECT_EQ(send.encode(), expected);
+    EXPECT_EQ(usbd::client::encodeInterrupt(), (Bytes{0x02, 0, 0, 0, 0, 0, 0, 0}));
+
+    SocketRequest request;
+    ASSERT_EQ(parse(expected, &request), SocketRequestKind::Send);
+    ASSERT_EQ(request.entries.size(), 1u);
+    EXPECT_EQ(request.entries[0].handle, 0x1122334455667788ull);
+    EXPECT_EQ(request.entries[0].offset, 4096u);
+}
+
 TEST(SocketRequest, EntriesKeepTheirOrderAndUnknownTypesAreSkipped)
 {
     const char first[] = "abc";

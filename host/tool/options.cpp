@@ -77,16 +77,16 @@ const char kSendHelp[] =
     "  --timeout MS        give up when the device took nothing for MS ms (default 10000;\n"
     "                      0: never); exit status 5\n";
 
-struct OptionSpec {
+struct OptionKind {
     const char *longName;
     char shortName;
     bool takesValue;
 };
 
-const OptionSpec kGlobalOptions[] = {
+const OptionKind kGlobalOptions[] = {
     {"device", 0, true}, {"wait", 0, false}, {"help", 'h', false}, {"version", 0, false}};
-const OptionSpec kReceiveOptions[] = {{"output", 'o', true}, {"bytes", 'n', true}, {"timeout", 0, true}};
-const OptionSpec kSendOptions[] = {{"timeout", 0, true}};
+const OptionKind kReceiveOptions[] = {{"output", 'o', true}, {"bytes", 'n', true}, {"timeout", 0, true}};
+const OptionKind kSendOptions[] = {{"timeout", 0, true}};
 
 Parsed error(std::string text)
 {
@@ -144,14 +144,14 @@ std::optional<int> parseMilliseconds(const std::string &text)
 }
 
 struct Occurrence {
-    const OptionSpec *spec = nullptr;
+    const OptionKind *kind = nullptr;
     std::string value;
 };
 
 // Reads one option at args[*index] ("--name=value", "--name value", "-x value" or "-xvalue"),
 // moving *index past its value. Returns an error text, empty when the option is known.
 std::string takeOption(const std::vector<std::string> &args, size_t *index,
-                       const std::vector<const OptionSpec *> &known, Occurrence *out)
+                       const std::vector<const OptionKind *> &known, Occurrence *out)
 {
     const std::string &arg = args[*index];
     std::string name;
@@ -167,14 +167,14 @@ std::string takeOption(const std::vector<std::string> &args, size_t *index,
         if (arg.size() > 2)
             inlineValue = arg.substr(2);
     }
-    for (const OptionSpec *spec : known) {
-        const bool matches = isLong ? name == spec->longName : (spec->shortName != 0 && name[0] == spec->shortName);
+    for (const OptionKind *kind : known) {
+        const bool matches = isLong ? name == kind->longName : (kind->shortName != 0 && name[0] == kind->shortName);
         if (!matches)
             continue;
-        out->spec = spec;
-        if (!spec->takesValue) {
+        out->kind = kind;
+        if (!kind->takesValue) {
             if (inlineValue)
-                return "option --" + std::string(spec->longName) + " takes no value";
+                return "option --" + std::string(kind->longName) + " takes no value";
             return std::string();
         }
         if (inlineValue) {
@@ -197,7 +197,7 @@ bool isOption(const std::string &arg)
 // A global option; an error text when its value is bad.
 std::string applyGlobal(const Occurrence &occurrence, Options *options)
 {
-    const std::string name = occurrence.spec->longName;
+    const std::string name = occurrence.kind->longName;
     if (name == "device") {
         options->device = usbd::host::parseBusAddress(occurrence.value);
         if (!options->device)
@@ -253,15 +253,15 @@ Parsed parseCommandLine(const std::vector<std::string> &args)
     size_t i = 0;
 
     // Before the command: only the options every command takes.
-    std::vector<const OptionSpec *> globals;
-    for (const OptionSpec &spec : kGlobalOptions)
-        globals.push_back(&spec);
+    std::vector<const OptionKind *> globals;
+    for (const OptionKind &kind : kGlobalOptions)
+        globals.push_back(&kind);
     for (; i < args.size() && isOption(args[i]) && args[i] != "--"; ++i) {
         Occurrence occurrence;
         std::string problem = takeOption(args, &i, globals, &occurrence);
         if (!problem.empty())
             return error(problem + " (options of a command go after it)");
-        const std::string name = occurrence.spec->longName;
+        const std::string name = occurrence.kind->longName;
         if (name == "help")
             return help(kMainHelp);
         if (name == "version") {
@@ -291,13 +291,13 @@ Parsed parseCommandLine(const std::vector<std::string> &args)
         return error("unknown command \"" + name + "\"");
     options.command = *command;
 
-    std::vector<const OptionSpec *> known = globals;
+    std::vector<const OptionKind *> known = globals;
     if (*command == Command::Receive)
-        for (const OptionSpec &spec : kReceiveOptions)
-            known.push_back(&spec);
+        for (const OptionKind &kind : kReceiveOptions)
+            known.push_back(&kind);
     if (*command == Command::Send)
-        for (const OptionSpec &spec : kSendOptions)
-            known.push_back(&spec);
+        for (const OptionKind &kind : kSendOptions)
+            known.push_back(&kind);
 
     std::vector<std::string> positionals;
     bool optionsEnded = false;
@@ -315,7 +315,7 @@ Parsed parseCommandLine(const std::vector<std::string> &args)
         std::string problem = takeOption(args, &i, known, &occurrence);
         if (!problem.empty())
             return error(name + ": " + problem);
-        const std::string option = occurrence.spec->longName;
+        const std::string option = occurrence.kind->longName;
         if (option == "help")
             return help(helpFor(*command));
         if (option == "version") {

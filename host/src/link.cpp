@@ -417,6 +417,15 @@ public:
         transfers.cancelAll();
     }
 
+    // A transfer that could not even be submitted ends the stream: `doing` says what was tried.
+    void submitFailed(int rc, const char *doing, Transfers &transfers)
+    {
+        if (rc == LIBUSB_ERROR_NO_DEVICE)
+            end(Status::Gone, "the device left the bus", transfers);
+        else
+            end(Status::Failed, std::string("cannot ") + doing + " the device: " + libusb_strerror(rc), transfers);
+    }
+
     void moved(uint64_t bytes)
     {
         result_.bytes += bytes;
@@ -601,10 +610,7 @@ StreamResult Link::receive(const StreamOptions &options, const std::function<boo
             if (rc == LIBUSB_ERROR_NO_MEM && transfers.shrink())
                 continue;
             if (rc != LIBUSB_SUCCESS) {
-                state.end(statusOf(rc) == Status::Gone ? Status::Gone : Status::Failed,
-                          rc == LIBUSB_ERROR_NO_DEVICE ? "the device left the bus"
-                                                       : std::string("cannot read from the device: ") + libusb_strerror(rc),
-                          transfers);
+                state.submitFailed(rc, "read from", transfers);
                 break;
             }
         }
@@ -669,10 +675,7 @@ StreamResult Link::send(const StreamOptions &options, const std::function<long(u
                 break;
             const int rc = transfers.submit(slot, filled);
             if (rc != LIBUSB_SUCCESS) {
-                state.end(rc == LIBUSB_ERROR_NO_DEVICE ? Status::Gone : Status::Failed,
-                          rc == LIBUSB_ERROR_NO_DEVICE ? "the device left the bus"
-                                                       : std::string("cannot write to the device: ") + libusb_strerror(rc),
-                          transfers);
+                state.submitFailed(rc, "write to", transfers);
                 break;
             }
         }

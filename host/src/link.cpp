@@ -588,6 +588,42 @@ Link::~Link()
         libusb_exit(context_);
 }
 
+namespace {
+
+// The loop both directions share. `fill(slot)` submits one free slot and returns false when no
+// more should go out for now; `take(transfer, buffer)` sees each completed transfer's bytes
+// (unless the stream already broke) before its slot is released. A transfer that ends badly
+// ends the stream; the transfers still in flight are then cancelled and waited for.
+template <typename Fill, typename Take>
+StreamResult pump(Transfers &transfers, StreamState &state, Fill fill, Take take)
+{
+    for (;;) {
+        while (!state.stopping()) {
+            Slot *slot = transfers.freeSlot();
+            if (!slot || !fill(slot))
+                break;
+        }
+        if (transfers.idle())
+            break;
+        transfers.wait();
+
+        while (Slot *slot = transfers.completedHead()) {
+            const libusb_transfer &transfer = *slot->transfer;
+            if (transfer.actual_length > 0 && !state.broken())
+                take(size_t(transfer.actual_length), slot->buffer.get());
+            std::string message;
+            const Status status = transferStatus(transfer, &message);
+            transfers.release(slot);
+            if (status != Status::Ok)
+                state.end(status, message, transfers);
+        }
+        state.checkTick(transfers);
+    }
+    return state.finish();
+}
+
+} // namespace
+
 StreamResult Link::receive(const StreamOptions &options, const std::function<bool(const uint8_t *, size_t)> &sink)
 {
     const Endpoint endpoint = device_.function.in;
@@ -597,50 +633,34 @@ StreamResult Link::receive(const StreamOptions &options, const std::function<boo
         return outOfMemory();
     uint64_t received = 0; // also counts bytes past the limit: they were asked for
 
-    for (;;) {
-        while (!state.stopping()) {
-            Slot *slot = transfers.freeSlot();
-            if (!slot)
-                break;
+    auto fill = [&](Slot *slot) {
+        for (;;) {
             const size_t length = nextReceiveLength(options.limit, received + transfers.inFlightBytes(),
                                                     transfers.size(), endpoint.maxPacketSize);
             if (length == 0)
-                break;
+                return false;
             const int rc = transfers.submit(slot, length);
             if (rc == LIBUSB_ERROR_NO_MEM && transfers.shrink())
-                continue;
+                continue; // the same slot, smaller
             if (rc != LIBUSB_SUCCESS) {
                 state.submitFailed(rc, "read from", transfers);
-                break;
+                return false;
             }
+            return true;
         }
-        if (transfers.idle())
-            break;
-        transfers.wait();
-
-        while (Slot *slot = transfers.completedHead()) {
-            const libusb_transfer &transfer = *slot->transfer;
-            const size_t got = size_t(transfer.actual_length);
-            if (got > 0 && !state.broken()) {
-                received += got;
-                const uint64_t room = options.limit ? options.limit - state.bytes() : got;
-                const size_t keep = size_t(std::min<uint64_t>(got, room));
-                state.discarded(got - keep);
-                if (keep > 0 && !sink(slot->buffer.get(), keep))
-                    state.end(Status::Stopped, std::string(), transfers);
-                state.moved(keep);
-            }
-            std::string message;
-            const Status status = transferStatus(transfer, &message);
-            transfers.release(slot);
-            if (status != Status::Ok)
-                state.end(status, message, transfers);
-        }
-        if (!state.stopping() && options.limit && state.bytes() >= options.limit)
+    };
+    auto take = [&](size_t got, const uint8_t *data) {
+        received += got;
+        const uint64_t room = options.limit ? options.limit - state.bytes() : got;
+        const size_t keep = size_t(std::min<uint64_t>(got, room));
+        state.discarded(got - keep);
+        if (keep > 0 && !sink(data, keep))
+            state.end(Status::Stopped, std::string(), transfers);
+        state.moved(keep);
+        if (options.limit && state.bytes() >= options.limit)
             state.end(Status::Ok, std::string(), transfers);
-        state.checkTick(transfers);
-    }
-    return state.finish();
+    };
+    return pump(transfers, state, fill, take);
 }
 
 StreamResult Link::send(const StreamOptions &options, const std::function<long(uint8_t *, size_t)> &source,
@@ -652,53 +672,38 @@ StreamResult Link::send(const StreamOptions &options, const std::function<long(u
         return outOfMemory();
     bool atEnd = false;
 
-    for (;;) {
-        while (!state.stopping() && !atEnd) {
-            Slot *slot = transfers.freeSlot();
-            if (!slot)
-                break;
-            // Full transfers only until the end, so that no short packet splits the data early.
-            size_t filled = 0;
-            while (filled < transfers.size()) {
-                const long count = source(slot->buffer.get() + filled, transfers.size() - filled);
-                if (count < 0) {
-                    state.end(Status::Stopped, std::string(), transfers);
-                    break;
-                }
-                if (count == 0) {
-                    atEnd = true;
-                    break;
-                }
-                filled += size_t(count);
+    auto fill = [&](Slot *slot) {
+        if (atEnd)
+            return false;
+        // Full transfers only until the end, so that no short packet splits the data early.
+        size_t filled = 0;
+        while (filled < transfers.size()) {
+            const long count = source(slot->buffer.get() + filled, transfers.size() - filled);
+            if (count < 0) {
+                state.end(Status::Stopped, std::string(), transfers);
+                return false;
             }
-            if (state.stopping() || filled == 0)
-                break;
-            const int rc = transfers.submit(slot, filled);
-            if (rc != LIBUSB_SUCCESS) {
-                state.submitFailed(rc, "write to", transfers);
+            if (count == 0) {
+                atEnd = true;
                 break;
             }
+            filled += size_t(count);
         }
-        if (transfers.idle())
-            break;
-        transfers.wait();
-
-        while (Slot *slot = transfers.completedHead()) {
-            const libusb_transfer &transfer = *slot->transfer;
-            if (transfer.actual_length > 0 && !state.broken()) {
-                if (sent)
-                    sent(slot->buffer.get(), size_t(transfer.actual_length));
-                state.moved(uint64_t(transfer.actual_length));
-            }
-            std::string message;
-            const Status status = transferStatus(transfer, &message);
-            transfers.release(slot);
-            if (status != Status::Ok)
-                state.end(status, message, transfers);
+        if (filled == 0)
+            return false;
+        const int rc = transfers.submit(slot, filled);
+        if (rc != LIBUSB_SUCCESS) {
+            state.submitFailed(rc, "write to", transfers);
+            return false;
         }
-        state.checkTick(transfers);
-    }
-    return state.finish();
+        return true;
+    };
+    auto take = [&](size_t length, const uint8_t *data) {
+        if (sent)
+            sent(data, length);
+        state.moved(uint64_t(length));
+    };
+    return pump(transfers, state, fill, take);
 }
 
 } // namespace usbd::host

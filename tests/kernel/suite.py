@@ -174,15 +174,19 @@ def start_daemon():
     wait_for(_bus_has_daemon, 20, "the daemon on the bus")
 
 
+# writev's system call number, which /proc/PID/task/TID/syscall shows, on each guest's machine.
+WRITEV = {"x86_64": "20", "aarch64": "66"}[os.uname().machine]
+
+
 def daemon_in_writev():
-    # Whether one of the daemon's threads sits in writev() (system call 20 on x86-64): the only
-    # sure sign that a send has reached the endpoint, since a client started under TCG can take
-    # seconds to make its call, and an interrupt before that ends nothing.
+    # Whether one of the daemon's threads sits in writev(): the only sure sign that a send has
+    # reached the endpoint, since a client started under TCG can take seconds to make its call,
+    # and an interrupt before that ends nothing.
     task_dir = f"/proc/{state['usbd'].pid}/task"
     for task in os.listdir(task_dir):
         try:
             with open(f"{task_dir}/{task}/syscall") as f:
-                if f.read().split(" ", 1)[0] == "20":
+                if f.read().split(" ", 1)[0] == WRITEV:
                     return True
         except OSError:
             pass

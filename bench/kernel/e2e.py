@@ -63,8 +63,10 @@ def main():
         if reader is not None:
             if reader.poll() is None:
                 reader.send_signal(signal.SIGINT)
+            # Its summary, and how it ended: normally a failed transfer or the device gone, as
+            # the benchmark's end takes the daemon and with it the function away.
             out = reader.communicate(timeout=30)[0].decode(errors="replace").strip()
-            print(f"host side (usbd-host receive): {out}", flush=True)
+            print("host side, usbd-host receive over the whole run:", out.replace("\n", "; "), flush=True)
         run(GADGET, "stop", check=False)
         keep_tail("/tmp/usbd.log", "usbd.log")
         keep_tail("/tmp/e2e-minimal.log", "e2e-minimal.log")

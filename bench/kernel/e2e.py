@@ -6,6 +6,8 @@ configfs gadget of deploy/gadget/usbd-gadget), starts build/bench/e2e/e2e_bench,
 daemon and the minimal servers and takes turns between them on the same bulk IN endpoint, binds
 the gadget once the daemon has written its descriptors, and has usbd-host drain that endpoint on
 the host side for as long as the benchmark runs. Exit status: the benchmark's.
+
+    scripts/kernel-test --build build -- python3 bench/kernel/e2e.py [E2E_BENCH_ARGS...]
 """
 
 import os
@@ -19,6 +21,10 @@ from suite import GADGET, USBD, USBD_HOST, load_controller, run  # noqa: E402
 
 BENCH = os.path.join(suite.BUILD, "bench", "e2e", "e2e_bench")
 MINIMAL = os.path.join(suite.BUILD, "bench", "e2e", "e2e_minimal")
+# Scaled down for a CPU that qemu emulates without KVM, where a small request takes milliseconds
+# and the guest's /tmp holds at most 1 GiB; arguments given later override these. Only the
+# send_file and socket cases: the shared-memory and link cases need the emulator.
+DEFAULTS = ["--cases", "file,socket", "--file-mib", "64", "--clients", "1,4,16", "--seconds", "2"]
 
 
 def keep_tail(path, name, lines=200):
@@ -45,7 +51,7 @@ def main():
             os.unlink(stale)
     env = dict(os.environ, USBD_BIN=USBD, E2E_MINIMAL_BIN=MINIMAL)
     env.pop("USBD_EMU_NAME", None)
-    bench = subprocess.Popen([BENCH, *sys.argv[1:]], env=env)
+    bench = subprocess.Popen([BENCH, *DEFAULTS, *sys.argv[1:]], env=env)
     reader = None
     try:
         # The daemon's descriptors first, then the controller; then the host enumerates and the

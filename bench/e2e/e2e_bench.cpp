@@ -53,6 +53,7 @@
 
 #include "arvomemshare.h"
 #include "control.h"
+#include "endpoint_write.h"
 #include "paths.h"
 
 namespace {
@@ -70,7 +71,6 @@ constexpr char kMinimalService[] = "com.korvane.usbdbench";
 constexpr char kUsbdService[] = "com.korvane.usbd";
 constexpr char kUsbdPath[] = "/com/korvane/usbd";
 constexpr unsigned long kPhysicalTransfer = 0x6706;
-constexpr std::size_t kMaxBytesPerCall = 8 * kMiB;
 constexpr int kDbusTimeoutMs = 120000;
 
 struct Options {
@@ -272,13 +272,15 @@ bool connectWithin(Connection *connection, const std::string &path, int seconds)
     return false;
 }
 
-// Empty requests fail until the server has the USB link.
+// Empty requests fail until the server has the USB link. On the real kernel under qemu the
+// gadget is bound and enumerated only after the daemon has written its descriptors, which there
+// takes several seconds: so the wait is long.
 bool waitForLink(const std::string &path)
 {
     Connection connection;
     if (!connectWithin(&connection, path, 60))
         return false;
-    for (auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
+    for (auto end = Clock::now() + std::chrono::seconds(60); Clock::now() < end;) {
         Response response;
         if (connection.send(SendRequest(0).encode()) != 0 || connection.receive(&response, 5000) != 0)
             return false;
@@ -403,7 +405,7 @@ struct Piece {
 };
 
 // What a program that owns the endpoint writes by hand: the pieces of one mapping and their
-// padding, at most 32 entries and 8 MiB per writev, continuing short writes.
+// padding, in calls as endpoint_write.h makes them.
 bool writeSegments(int ep3, const char *base, const std::vector<Piece> &pieces, const char *zeros)
 {
     std::vector<iovec> segments;
@@ -412,31 +414,7 @@ bool writeSegments(int ep3, const char *base, const std::vector<Piece> &pieces, 
         if (p.padding)
             segments.push_back({const_cast<char *>(zeros), p.padding});
     }
-    std::size_t index = 0, sent = 0;
-    while (index < segments.size()) {
-        iovec call[32];
-        int count = 0;
-        std::size_t budget = kMaxBytesPerCall;
-        for (std::size_t i = index, from = sent; i < segments.size() && count < 32 && budget > 0;
-             ++i, from = 0) {
-            const std::size_t length = std::min(segments[i].iov_len - from, budget);
-            call[count++] = {static_cast<char *>(segments[i].iov_base) + from, length};
-            budget -= length;
-        }
-        ssize_t written = ::writev(ep3, call, count);
-        if (written <= 0)
-            return false;
-        while (written > 0) {
-            const std::size_t take = std::min(std::size_t(written), segments[index].iov_len - sent);
-            sent += take;
-            written -= ssize_t(take);
-            if (sent == segments[index].iov_len) {
-                ++index;
-                sent = 0;
-            }
-        }
-    }
-    return true;
+    return e2ebench::writeSegments(ep3, segments);
 }
 
 bool rawFile(int ep3, const std::string &path, std::size_t fileSize, const std::vector<Piece> &pieces,
@@ -580,7 +558,7 @@ bool rawShm(int ep3, quint64 handle, std::size_t size, bool physical)
         for (std::size_t done = 0; ok && done < size;) {
             struct {
                 uint32_t address, length;
-            } record{uint32_t(address + done), uint32_t(std::min(size - done, kMaxBytesPerCall))};
+            } record{uint32_t(address + done), uint32_t(std::min(size - done, e2ebench::kMaxBytesPerCall))};
             const int sent = ::ioctl(ep3, kPhysicalTransfer, &record);
             ok = sent > 0;
             done += ok ? std::size_t(sent) : 0;
@@ -968,9 +946,11 @@ bool parseOptions(int argc, char **argv, Options *o)
         } else if (arg == "--callgrind") {
             o->callgrind = true;
         } else if (arg == "--socket-sizes" && hasValue) {
+            o->socketSizes.clear(); // the last one given wins, as for every other option
             for (const QString &v : QString::fromLatin1(argv[++i]).split(QLatin1Char(',')))
                 o->socketSizes.push_back(std::size_t(v.toULongLong()));
         } else if (arg == "--clients" && hasValue) {
+            o->clientCounts.clear(); // the last one given wins, as for every other option
             for (const QString &v : QString::fromLatin1(argv[++i]).split(QLatin1Char(',')))
                 o->clientCounts.push_back(std::max(1, v.toInt()));
         } else if (arg == "--profile" && hasValue) {

@@ -2,11 +2,13 @@
 // to put the same bytes into the same endpoint for the same requests.
 //   --socket PATH: the daemon's socket protocol, one thread per client, each request written
 //                  straight to ep3 (memory entries) or handed to the endpoint by physical
-//                  address (handle entries, imported per request as the daemon does), then
-//                  answered with the 8-byte response.
+//                  address (handle entries, imported per request as the daemon does; mapped
+//                  and written where the endpoint has no such request), then answered with the
+//                  8-byte response.
 //   --dbus NAME:   one D-Bus method, send_data(ay data, y length) on object /bench of the
 //                  service NAME, which writes the bytes to ep3 and returns.
-// Runs inside the device emulator next to the daemon; the benchmark starts and ends it.
+// Runs next to the daemon (in the device emulator, or on the real kernel's FunctionFS); the
+// benchmark starts and ends it.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -14,6 +16,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -28,15 +32,51 @@
 #include <arvo_hal.h>
 
 #include "arvomemshare.h"
+#include "endpoint_write.h"
 #include "paths.h"
 
 namespace {
 
 constexpr unsigned long kPhysicalTransfer = 0x6706;
-constexpr std::uint32_t kMaxBytesPerCall = 8 * 1024 * 1024;
 
 int ep3 = -1;
 std::mutex halMutex; // the HAL is driven from one thread at a time, as in the daemon
+// A stock FunctionFS has no physical-address request (ENOTTY): from the first such answer on,
+// handle entries go out from a mapping of the memory, as the daemon then sends them.
+std::atomic<bool> physicalTransfers{true};
+
+bool sendMapped(arvo_hal_mem_t memory, std::uint32_t offset, std::uint32_t size)
+{
+    std::uint8_t *base = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(halMutex);
+        if (arvo_hal_mem_map(memory, &base) != 0)
+            return false;
+    }
+    const bool ok = e2ebench::writeSegments(ep3, {{base + offset, size}});
+    std::lock_guard<std::mutex> guard(halMutex);
+    arvo_hal_mem_unmap(memory);
+    return ok;
+}
+
+bool sendPhysical(std::uint32_t physical, std::uint32_t offset, std::uint32_t size, bool *unsupported)
+{
+    for (std::uint32_t done = 0; done < size;) {
+        struct {
+            std::uint32_t address, length;
+        } record{physical + offset + done,
+                 std::min(size - done, std::uint32_t(e2ebench::kMaxBytesPerCall))};
+        const int sent = ::ioctl(ep3, kPhysicalTransfer, &record);
+        if (sent < 0 && errno == ENOTTY && done == 0) {
+            *unsupported = true;
+            return false;
+        }
+        if (sent <= 0)
+            return false;
+        done += std::uint32_t(sent);
+    }
+    return true;
+}
 
 bool sendByHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size)
 {
@@ -51,15 +91,13 @@ bool sendByHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size
             return false;
         }
     }
-    bool ok = true;
-    for (std::uint32_t done = 0; ok && done < size;) {
-        struct {
-            std::uint32_t address, length;
-        } record{physical + offset + done, std::min(size - done, kMaxBytesPerCall)};
-        const int sent = ::ioctl(ep3, kPhysicalTransfer, &record);
-        ok = sent > 0;
-        done += ok ? std::uint32_t(sent) : 0;
-    }
+    bool ok = false, unsupported = false;
+    if (physicalTransfers)
+        ok = sendPhysical(physical, offset, size, &unsupported);
+    if (unsupported)
+        physicalTransfers = false;
+    if (!physicalTransfers)
+        ok = sendMapped(memory, offset, size);
     std::lock_guard<std::mutex> guard(halMutex);
     arvo_hal_mem_free(memory);
     return ok;

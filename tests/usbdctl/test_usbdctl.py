@@ -14,7 +14,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 
-from usbdtest import BUILD_DIR, EMUCTL, DaemonTestCase, Emulator, wait_for  # noqa: E402
+from usbdtest import BUILD_DIR, EMUCTL, USBD, DaemonTestCase, Emulator, wait_for  # noqa: E402
 
 USBDCTL = os.environ.get("USBDCTL_BIN", os.path.join(BUILD_DIR, "usbdctl"))
 # Files the daemon opens must be visible inside the emulator, whose /tmp is private.
@@ -278,10 +278,12 @@ class WithDaemon(UsbdctlCase):
             self.assertEqual(watch.returncode, 8, stderr)
             self.assertRegex(stderr.decode(), f"^usbdctl: {STAMP}: {text}, watch ends\n$")
 
-        # The bus first, while the daemon stays; then the daemon, on a fresh emulator.
+        # The bus first, while the daemon stays; then the daemon, on a fresh emulator. The
+        # emulator ends (and takes its bus with it) when its command ends, so there the daemon
+        # runs under a shell that outlives it: the bus must stay to say that usbd left.
         watch_until_killed("dbus-daemon", "lost the connection to the system bus")
         self.emu.stop()
-        self.emu = Emulator()
+        self.emu = Emulator(command=["sh", "-c", f'"$0"; exec sleep 600', USBD])
         self.emu.wait_control()
         self.emu.wait_ready()
         self.emu.wait_service()

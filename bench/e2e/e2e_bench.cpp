@@ -15,7 +15,6 @@
 // Runs as the command of usbd-emu --dbus (scripts/bench-e2e); starts usbd and e2e_minimal.
 // Environment: USBD_BIN, E2E_MINIMAL_BIN, USBD_EMU_NAME (empty: the sink is a real gadget that is
 // attached already, and the emulator-only link case is skipped).
-#include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -51,6 +50,8 @@
 #include <arvo_hal.h>
 #include <ostr/CUsbD.h>
 #include <usbd/client.h>
+
+#include "../clientwait.h"
 
 #include "arvomemshare.h"
 #include "control.h"
@@ -263,37 +264,13 @@ private:
     usbd::UniqueFd sock_;
 };
 
-bool connectWithin(Connection *connection, const std::string &path, int seconds)
-{
-    for (auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
-        if (connection->connect(path) == 0)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
-
-// Empty requests fail until the server has the USB link. On the real kernel under qemu the
-// gadget is bound and enumerated only after the daemon has written its descriptors, which there
-// takes several seconds: so the wait is long.
+// On the real kernel under qemu the gadget is bound and enumerated only after the daemon has
+// written its descriptors, which there takes several seconds: so the waits are long.
 bool waitForLink(const std::string &path)
 {
     Connection connection;
-    if (!connectWithin(&connection, path, 60))
-        return false;
-    for (auto end = Clock::now() + std::chrono::seconds(60); Clock::now() < end;) {
-        Response response;
-        if (connection.send(SendRequest(0).encode()) != 0)
-            return false;
-        // A probe that meets the link change in the queue is dropped unanswered: not yet.
-        const int received = connection.receive(&response, 1000);
-        if (received != 0 && received != -ETIMEDOUT)
-            return false;
-        if (received == 0 && response.sent())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return benchwait::connectWithin(&connection, path, std::chrono::seconds(60))
+           && benchwait::waitForLink(&connection, std::chrono::seconds(60));
 }
 
 // ---- one measured run and the comparison in turns ----
@@ -1021,7 +998,7 @@ int main(int argc, char **argv)
     servers.minimal = spawn(wrapped({minimalBin, "--socket", kMinimalSocket, "--dbus", kMinimalService}),
                             "/tmp/e2e-minimal.log");
     Connection probe;
-    if (ok && !connectWithin(&probe, kMinimalSocket, 60)) {
+    if (ok && !benchwait::connectWithin(&probe, kMinimalSocket, std::chrono::seconds(60))) {
         std::fprintf(stderr, "e2e-bench: the minimal server did not start\n");
         ok = false;
     }

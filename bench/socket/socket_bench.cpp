@@ -6,7 +6,6 @@
 // server of the same protocol in this process, one thread per client, that writes each request's
 // data straight to ep3 and answers. Its figures are what the mechanism itself costs.
 // Environment: USBD_BIN, USBD_EMUCTL_BIN, USBD_EMU_NAME. Arguments: [SECONDS per run] [CLIENTS...]
-#include <cerrno>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -24,6 +23,8 @@
 #include <vector>
 
 #include <usbd/client.h>
+
+#include "../clientwait.h"
 
 namespace {
 
@@ -75,34 +76,6 @@ pid_t startDaemon(const std::string &usbd)
         _exit(127);
     }
     return pid;
-}
-
-bool connectWithin(Connection *connection, std::chrono::seconds limit)
-{
-    for (auto end = Clock::now() + limit; Clock::now() < end;) {
-        if (connection->connect() == 0)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
-
-// Empty requests fail until the daemon has the USB link.
-bool waitForLink(Connection *connection)
-{
-    for (auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
-        Response response;
-        if (connection->send(SendRequest(0).encode()) != 0)
-            return false;
-        // A probe that meets the link change in the queue is dropped unanswered: not yet.
-        const int received = connection->receive(&response, 1000);
-        if (received != 0 && received != -ETIMEDOUT)
-            return false;
-        if (received == 0 && response.sent())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
 }
 
 struct ClientResult {
@@ -327,8 +300,8 @@ int main(int argc, char **argv)
     const pid_t daemon = startDaemon(usbd);
     Connection control;
     bool ok = run({emuctl, "--name", name, "wait-ready", "--timeout", "10"}) == 0
-              && connectWithin(&control, std::chrono::seconds(10))
-              && run({emuctl, "--name", name, "plug"}) == 0 && waitForLink(&control);
+              && benchwait::connectWithin(&control, usbd::client::kDefaultSocketPath, std::chrono::seconds(10))
+              && run({emuctl, "--name", name, "plug"}) == 0 && benchwait::waitForLink(&control, std::chrono::seconds(10));
     if (!ok)
         std::fprintf(stderr, "socket-bench: the daemon did not come up with a USB link\n");
     RawServer raw;

@@ -219,14 +219,4 @@ TEST(ReceiveLength, NeverAsksPastTheLimitByMoreThanThePacketItEndsIn)
     EXPECT_EQ(nextReceiveLength(1000, 0, chunk, 0), 1000u); // no packet size: no rounding, no division
 }
 
-TEST(DeviceFigures, SpeedNamesAndMaxPowerUnits)
-{
-    EXPECT_STREQ(usbd::host::speedName(LIBUSB_SPEED_HIGH), "high-speed");
-    EXPECT_STREQ(usbd::host::speedName(LIBUSB_SPEED_SUPER), "super-speed");
-    EXPECT_STREQ(usbd::host::speedName(99), "unknown");
-    // The gadget's 500 mA: bMaxPower 250 at high speed, 63 (rounded up) at super speed.
-    EXPECT_EQ(usbd::host::maxPowerMilliamps(250, LIBUSB_SPEED_HIGH), 500u);
-    EXPECT_EQ(usbd::host::maxPowerMilliamps(63, LIBUSB_SPEED_SUPER), 504u);
-}
-
 } // namespace

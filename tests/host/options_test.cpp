@@ -14,66 +14,6 @@ using namespace usbdhost;
 using usbd::host::Status;
 using usbd::host::StreamResult;
 
-Parsed parse(std::vector<std::string> args)
-{
-    return parseCommandLine(args);
-}
-
-TEST(CommandLine, CommandsWithTheirOptionsAndTheGlobalOnesOnEitherSide)
-{
-    Parsed parsed = parse({"receive", "-o", "out.bin", "-n", "64M", "--timeout=250"});
-    ASSERT_EQ(parsed.action, Parsed::Action::Run) << parsed.text;
-    EXPECT_EQ(parsed.options.command, Command::Receive);
-    EXPECT_EQ(parsed.options.output, "out.bin");
-    EXPECT_EQ(parsed.options.bytes, 64u << 20);
-    EXPECT_EQ(parsed.options.timeoutMs, 250);
-    EXPECT_FALSE(parsed.options.device);
-    EXPECT_FALSE(parsed.options.wait);
-
-    parsed = parse({"--device", "3:7", "--wait", "receive", "--output=-", "--bytes", "3000016"});
-    ASSERT_EQ(parsed.action, Parsed::Action::Run) << parsed.text;
-    EXPECT_EQ(parsed.options.device, (usbd::host::BusAddress{3, 7}));
-    EXPECT_TRUE(parsed.options.wait);
-    EXPECT_EQ(parsed.options.output, "-");
-    EXPECT_EQ(parsed.options.bytes, 3000016u);
-    EXPECT_EQ(parsed.options.timeoutMs, kDefaultTimeoutMs);
-
-    parsed = parse({"list", "--device=001:005", "--wait"});
-    ASSERT_EQ(parsed.action, Parsed::Action::Run) << parsed.text;
-    EXPECT_EQ(parsed.options.command, Command::List);
-    EXPECT_EQ(parsed.options.device, (usbd::host::BusAddress{1, 5}));
-
-    // A file whose name looks like an option, after "--"; later options win.
-    parsed = parse({"send", "--timeout", "5", "--timeout", "0", "--", "-strange name"});
-    ASSERT_EQ(parsed.action, Parsed::Action::Run) << parsed.text;
-    EXPECT_EQ(parsed.options.file, "-strange name");
-    EXPECT_EQ(parsed.options.timeoutMs, 0);
-    parsed = parse({"receive", "-ofile", "-n1"});
-    ASSERT_EQ(parsed.action, Parsed::Action::Run) << parsed.text;
-    EXPECT_EQ(parsed.options.output, "file");
-    EXPECT_EQ(parsed.options.bytes, 1u);
-}
-
-TEST(CommandLine, HelpAndVersionWinWherever)
-{
-    EXPECT_EQ(parse({"--help"}).action, Parsed::Action::Help);
-    EXPECT_EQ(parse({"--version"}).action, Parsed::Action::Version);
-    const Parsed receiveHelp = parse({"receive", "-n", "5", "--help"});
-    EXPECT_EQ(receiveHelp.action, Parsed::Action::Help);
-    EXPECT_NE(receiveHelp.text.find("usbd-host receive"), std::string::npos);
-    const Parsed sendHelp = parse({"help", "send"});
-    EXPECT_EQ(sendHelp.action, Parsed::Action::Help);
-    EXPECT_NE(sendHelp.text.find("usbd-host send"), std::string::npos);
-    // The main help documents every exit status the tool uses.
-    const std::string main = parse({"-h"}).text;
-    for (int code : {kExitOk, kExitUsage, kExitNoDevice, kExitPermission, kExitGone, kExitTimeout, kExitUsbError,
-                     kExitFile, kExitInterrupted}) {
-        SCOPED_TRACE(code);
-        EXPECT_NE(main.find("\n  " + std::to_string(code) + " "), std::string::npos);
-    }
-    EXPECT_NE(main.find("70-usbd-host.rules"), std::string::npos);
-}
-
 TEST(CommandLine, BadInputIsAUsageErrorThatSaysWhat)
 {
     struct Case {

@@ -139,17 +139,6 @@ class WithDaemon(UsbdctlCase):
         self.assertEqual(len(unplugged), 3, unplugged)
         no_repeats(unplugged)
 
-    def test_watch_count_counts_changes(self):
-        # The current values first, then N changes, then the watch ends by itself.
-        watch = subprocess.Popen([USBDCTL, "watch", "--count", "3"], env=self.env,
-                                 stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(watch.stdout.close)
-        lines = LineReader(watch.stdout)
-        self.assertEqual(len([lines.next() for _ in range(3)]), 3)
-        self.emu.ctl("plug")
-        self.assertEqual(watch.wait(timeout=10), 0)
-        self.assertEqual(len(lines.drain()), 3)
-
     def test_send_file_options_reach_the_host_and_progress_shows_only_on_a_terminal(self):
         self.plug()
         a = os.urandom(1000)
@@ -318,16 +307,6 @@ class WithDaemon(UsbdctlCase):
         self.assertEqual(receiver.returncode, 0, stderr)
         with open(target, "rb") as f:
             self.assertEqual(f.read(), upload)
-
-    def test_shared_memory_by_physical_address(self):
-        self.plug()
-        data = os.urandom(65536)
-        path = self.file("p.bin", data)
-        start = len(self.emu.capture())
-        result = self.emu.ctl("exec", "--", USBDCTL, "send-shm", path, check=False)
-        self.assert_status(result, 0)
-        self.assertEqual(self.captured_after(start, len(data)), data)
-
 
 class WithoutDaemon(unittest.TestCase):
     """A bus without the daemon, and no bus at all."""

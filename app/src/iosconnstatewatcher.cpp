@@ -10,6 +10,9 @@ IOSConnStateWatcher::IOSConnStateWatcher(QObject *parent)
     : QObject(parent), timer_(this)
 {
     qRegisterMetaType<IOSConnStateWatcher::State>("IOSConnStateWatcher::State");
+    // Qt's default (coarse) timers may fire up to 5 % early to share wake-ups; a poll must
+    // never come before its period is over.
+    timer_.setTimerType(Qt::PreciseTimer);
     timer_.setInterval(kPollIntervalMs);
     connect(&timer_, &QTimer::timeout, this, &IOSConnStateWatcher::onTimeout);
 }

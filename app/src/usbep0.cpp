@@ -8,11 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <QDir>
 
 #include <usbd/unique_fd.h>
 
 #include "blockingcalls.h"
+#include "controller.h"
 #include "logging.h"
 #include "paths.h"
 
@@ -115,14 +115,12 @@ void UsbEp0::handleEvent(quint8 type)
 
     link_ = linkForEvent(type);
 
-    const QStringList controllers =
-        QDir(QString::fromLatin1(usbd::kUdcClassDir)).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
-    if (controllers.isEmpty()) {
+    const QByteArray controller = usbd::firstControllerDir();
+    if (controller.isEmpty()) {
         qCDebug(lcUsbd) << "failed to open directoy";
     } else {
         char buffer[kReadLimit];
-        const QByteArray statePath =
-            QByteArray(usbd::kUdcClassDir) + controllers.first().toLocal8Bit() + "/state";
+        const QByteArray statePath = controller + "state";
         // An unreadable state reads as empty, which counts as not configured.
         const size_t stateLength = readAttribute(statePath, buffer);
         constexpr char kConfigured[] = "configured";

@@ -3,10 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <QDir>
-
 #include <usbd/unique_fd.h>
 
+#include "controller.h"
 #include "logging.h"
 #include "paths.h"
 
@@ -55,15 +54,14 @@ void UsbSpeedReader::onIosConnStateChanged(IOSConnStateWatcher::State state)
 
 void UsbSpeedReader::updateUsbSpeed()
 {
-    const QStringList controllers =
-        QDir(QString::fromLatin1(usbd::kUdcClassDir)).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
-    if (controllers.isEmpty()) {
+    const QByteArray controller = usbd::firstControllerDir();
+    if (controller.isEmpty()) {
         qCDebug(lcUsbd) << "failed to open directoy" << usbd::kUdcClassDir;
         setSuperSpeed(false);
         return;
     }
 
-    const QByteArray path = QByteArray(usbd::kUdcClassDir) + controllers.first().toLocal8Bit() + "/current_speed";
+    const QByteArray path = controller + "current_speed";
     usbd::UniqueFd fd(::open(path.constData(), O_RDONLY | O_CLOEXEC));
     if (!fd) {
         setSuperSpeed(false);

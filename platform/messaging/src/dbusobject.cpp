@@ -24,7 +24,7 @@ DBusObject::DBusObject(const QString &name, QObject *parent)
     // metaObject() when a call or an introspection arrives, by which time the derived class is
     // complete. Only signals would be bound here, and none are exported.
     if (!Common::connection().registerObject(
-            path_, this, QDBusConnection::ExportScriptableSlots | QDBusConnection::ExportAllProperties))
+            path_, this, QDBusConnection::ExportScriptableSlots | QDBusConnection::ExportScriptableProperties))
         qWarning("DBusObject: cannot register %s on the bus", qPrintable(path_));
 }
 

@@ -63,12 +63,9 @@ bool stderrIsJournal()
 
 void setUpLogging()
 {
-    // Qt enables debug and info of its default category unless told otherwise; the daemon has
-    // lines there on every property read and every request, which a journal would keep. Rules
-    // set here rank below QT_LOGGING_CONF and QT_LOGGING_RULES, so "default.debug=true" there
-    // still shows them.
-    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false\ndefault.info=false"));
-
+    // Qt's own rules decide what is shown (QT_LOGGING_RULES, QT_LOGGING_CONF, qtlogging.ini):
+    // the module categories start at warning, Qt's default category shows everything. A
+    // deployment that wants a quieter journal says so in its environment.
     if (stderrIsJournal())
         qInstallMessageHandler(journalHandler);
 }

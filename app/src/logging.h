@@ -11,7 +11,7 @@ Q_DECLARE_LOGGING_CATEGORY(lcUsbdBufferList)
 Q_DECLARE_LOGGING_CATEGORY(lcIosConn)
 Q_DECLARE_LOGGING_CATEGORY(lcUsbConn)
 
-// Makes the process log warnings and above by default, also in Qt's default category, and
-// prefixes each line with its syslog priority ("<4>") when stderr is the systemd journal, so
-// that "journalctl -p" can tell the levels apart. Called once, first thing in main().
+// Prefixes each line with its syslog priority ("<4>") when stderr is the systemd journal, so that
+// "journalctl -p" can tell the levels apart; which lines are shown stays Qt's business. Called
+// once, first thing in main().
 void setUpLogging();

@@ -20,10 +20,10 @@ bool rangeWithin(quint32 offset, quint32 size, quint64 regionLength)
     return quint64(offset) + quint64(size) <= regionLength;
 }
 
-void warnOutOfRange(const char *kind, quint32 offset, quint32 size, quint64 regionLength)
+void logOutOfRange(const char *kind, quint32 offset, quint32 size, quint64 regionLength)
 {
-    qCWarning(lcUsbdBuffer) << kind << "range outside its region: offset:" << offset
-                            << "size:" << size << "region:" << regionLength;
+    qCDebug(lcUsbdBuffer) << kind << "range outside its region: offset:" << offset
+                          << "size:" << size << "region:" << regionLength;
 }
 
 } // namespace
@@ -46,7 +46,7 @@ UsbDBufferMem::UsbDBufferMem(const QByteArray &data, quint32 offset, quint32 siz
 bool UsbDBufferMem::map()
 {
     if (!rangeWithin(offset_, size_, quint64(data_.size()))) {
-        warnOutOfRange("memory buffer", offset_, size_, quint64(data_.size()));
+        logOutOfRange("memory buffer", offset_, size_, quint64(data_.size()));
         return false;
     }
     return true;
@@ -108,12 +108,8 @@ bool UsbDBufferPath::map()
         return false;
     }
     if (!S_ISREG(st.st_mode)) {
-        qCWarning(lcUsbdBuffer).noquote() << "not a regular file: " + path_;
+        qCDebug(lcUsbdBuffer).noquote() << "not a regular file: " + path_;
         unmapAndClose();
-        return false;
-    }
-    if (st.st_size < 0) {
-        qCWarning(lcUsbdBuffer) << "file too large to map:" << path_;
         return false;
     }
     const quint64 fileSize = quint64(st.st_size);
@@ -127,12 +123,12 @@ bool UsbDBufferPath::map()
         // up to the end of the range is mapped. The range's bytes are where a whole mapping
         // would have them, so the reader sees what a 64-bit build sees.
         if (!rangeWithin(offset_, size_, fileSize)) {
-            warnOutOfRange("file buffer", offset_, size_, fileSize);
+            logOutOfRange("file buffer", offset_, size_, fileSize);
             return false;
         }
         length = std::max<quint64>(quint64(offset_) + size_, 1);
         if (length > std::numeric_limits<size_t>::max()) {
-            qCWarning(lcUsbdBuffer) << "file too large to map:" << path_;
+            qCDebug(lcUsbdBuffer) << "file too large to map:" << path_;
             return false;
         }
     }
@@ -142,7 +138,7 @@ bool UsbDBufferPath::map()
         return false;
 
     if (!rangeWithin(offset_, size_, fileSize)) {
-        warnOutOfRange("file buffer", offset_, size_, fileSize);
+        logOutOfRange("file buffer", offset_, size_, fileSize);
         return false;
     }
     return true;

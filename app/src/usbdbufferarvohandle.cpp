@@ -37,8 +37,8 @@ bool UsbDBufferArvoHandle::map()
         return false;
     // The range to send must lie inside the allocation, or the transport would read past it.
     if (quint64(offset_) + size_ > memShare_->allocatedSize()) {
-        qCWarning(lcUsbdBuffer) << "range outside the shared memory: offset" << offset_ << "size"
-                                << size_ << "allocation" << memShare_->allocatedSize();
+        qCDebug(lcUsbdBuffer) << "range outside the shared memory: offset" << offset_ << "size"
+                              << size_ << "allocation" << memShare_->allocatedSize();
         return false;
     }
     return true;

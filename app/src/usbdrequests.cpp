@@ -1,12 +1,9 @@
 // Turning the D-Bus send calls into transfer requests.
 
-#include <sys/stat.h>
-
 #include <QVariant>
 
 #include <ostr/CUsbD.h>
 
-#include "logging.h"
 #include "usbd.h"
 #include "usbdatain.h"
 #include "usbdbuffer.h"
@@ -28,44 +25,6 @@ bool hasKeys(const QVariantMap &map, const QList<KeyType> &table)
             return false;
     }
     return true;
-}
-
-// Padding is carried as a signed 32-bit D-Bus integer but means an unsigned byte count: a
-// negative one would ask for gigabytes of zeros that no client meant, so it is refused here.
-// (A negative size needs no such check: its range can never lie within a file or an
-// allocation, so the transfer refuses it before sending anything.)
-bool hasNegative(const QVariantMap &map, const QStringList &keys)
-{
-    for (const QString &key : keys) {
-        const int value = map.value(key).toInt();
-        if (value < 0) {
-            qCWarning(lcUsbd).noquote() << "negative" << key << value << "refused";
-            return true;
-        }
-    }
-    return false;
-}
-
-// Only regular files can be sent: a FIFO or a device node would block the reader on open or
-// read, or never end. Refused here, before anything is queued, when the path exists and is not
-// a regular file; a path that does not exist (yet) fails when the transfer maps it. stat() does
-// not open, so it cannot block.
-bool validFileMap(const QVariantMap &map)
-{
-    if (hasNegative(map, {CUsbD::tagElementPadding()}))
-        return false;
-    const QByteArray path = map.value(CUsbD::tagPath()).toString().toUtf8();
-    struct stat st;
-    if (::stat(path.constData(), &st) == 0 && !S_ISREG(st.st_mode)) {
-        qCWarning(lcUsbd).noquote() << "not a regular file:" << QString::fromUtf8(path);
-        return false;
-    }
-    return true;
-}
-
-bool validShmMap(const QVariantMap &map)
-{
-    return !hasNegative(map, {CUsbD::tagElementPadding()});
 }
 
 const QList<KeyType> &fileKeys()
@@ -116,14 +75,17 @@ UsbDBuffer *shmBuffer(const QVariantMap &map)
 
 // Builds one request from the maps; a map that fails its checks fails the whole request at once
 // and nothing of it is sent.
-template <typename MakeBuffer, typename Validate>
+// Only keys and types are checked here: values (a negative padding, a path that names no
+// regular file, a range past the end) are the buffers' and transports' to refuse when the
+// request's turn comes.
+template <typename MakeBuffer>
 void queueMaps(UsbDataIn *queue, const QList<QVariantMap> &maps, const QList<KeyType> &keys,
-               Validate validate, MakeBuffer makeBuffer, const QDBusMessage &msg)
+               MakeBuffer makeBuffer, const QDBusMessage &msg)
 {
     QList<UsbDBuffer *> buffers;
     bool valid = true;
     for (const QVariantMap &map : maps) {
-        if (!hasKeys(map, keys) || !validate(map)) {
+        if (!hasKeys(map, keys)) {
             valid = false;
             break;
         }
@@ -155,10 +117,10 @@ void UsbD::send_data(const QByteArray &usb_data, uchar usb_data_len, const QDBus
 
 void UsbD::send_file(QList<QVariantMap> file_list, const QDBusMessage &msg)
 {
-    queueMaps(dataIn_, file_list, fileKeys(), validFileMap, fileBuffer, msg);
+    queueMaps(dataIn_, file_list, fileKeys(), fileBuffer, msg);
 }
 
 void UsbD::send_shm_data(QList<QVariantMap> shm_handle_list, const QDBusMessage &msg)
 {
-    queueMaps(dataIn_, shm_handle_list, shmKeys(), validShmMap, shmBuffer, msg);
+    queueMaps(dataIn_, shm_handle_list, shmKeys(), shmBuffer, msg);
 }

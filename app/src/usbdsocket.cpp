@@ -35,8 +35,8 @@
 //   responses. The readable event would stay set forever, so the connection is no longer read
 //   (removed from epoll, the server's reference dropped) while pending requests can still write
 //   their responses through their own references. Once they have, the descriptor is closed.
-// - A send request whose entries or memory data run past the bytes of the read is dropped with
-//   the warning "malformed request", like a short read: no response, the connection stays open.
+// - A send request whose entries or memory data run past the bytes of the read is dropped like a
+//   short read (a debug line says so): no response, the connection stays open.
 //   The client broke the framing, and a failure response would look like the answer to a request
 //   that the daemon could not even decode.
 
@@ -254,7 +254,7 @@ void SocketServer::readRequest(const UsbDSocketConnectionPtr &client)
         qCWarning(lcUsbdSocket) << "not enough data for request";
         break;
     case usbd::SocketRequestKind::Malformed:
-        qCWarning(lcUsbdSocket) << "malformed request";
+        qCDebug(lcUsbdSocket) << "malformed request: entries or data past the bytes read";
         break;
     }
 }

@@ -1,6 +1,7 @@
 """Start-up of the real daemon binary: command line, the function on the emulator, failures."""
 
 import os
+import re
 import subprocess
 import sys
 import textwrap
@@ -10,7 +11,7 @@ import dbus
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 
-from usbdtest import INTERFACE, USBD, Emulator, wait_for  # noqa: E402
+from usbdtest import EMUCTL, INTERFACE, USBD, Emulator, wait_for  # noqa: E402
 
 
 class CommandLine(unittest.TestCase):
@@ -69,43 +70,71 @@ class Startup(unittest.TestCase):
         self.assertNotEqual(emu.process.wait(timeout=20), 0)
         self.assertIn("arvo_hal_initialize: -1005", emu.log())
 
-    def test_log_shows_warnings_only_and_carries_priorities_for_the_journal(self):
-        # Rules from the environment would hide what the defaults do.
-        env = {"QT_LOGGING_RULES": ""}
-        quiet = Emulator(log_debug=False, env=env)
-        self.addCleanup(quiet.stop)
-        quiet.wait_control()
-        quiet.wait_ready()
-        quiet.wait_service()
-        quiet.ctl("plug", "--speed", "high-speed")
-        wait_for(lambda: int(quiet.usbd().Get(INTERFACE, "link_type",
-                                              dbus_interface="org.freedesktop.DBus.Properties")) == 1,
-                 what="link type 1")
-        quiet.usbd().send_data(dbus.ByteArray(b"abc"), dbus.Byte(3), timeout=20)
-        quiet.wait_log("transfer time:")
-        log = quiet.log()
-        # Debug and info lines, also those of the default category, stay off by default.
-        for debug_line in ("connection changed", "max_buffers"):
-            self.assertNotIn(debug_line, log)
-        self.assertIn("usb_link state: 1", log)
-        quiet.stop()
-
-        # With stderr going to the journal, every line of the daemon starts with its syslog
-        # priority; the default category's debug lines come back when the rules ask for them.
-        # A JOURNAL_STREAM that names another file (inherited from a parent) changes nothing.
-        rules = {"QT_LOGGING_RULES": "default.debug=true"}
-        journal = Emulator(log_debug=False, env=rules, journal=True)
+    def test_default_logging_and_journal_priorities(self):
+        # Under Qt's default rules (none from the environment) the module categories show
+        # warnings and above, while Qt's default category shows its debug lines too. With
+        # stderr going to the journal every line starts with its syslog priority, and the only
+        # warnings are the daemon's documented ones, also on its fault paths.
+        journal = Emulator(log_debug=False, env={"QT_LOGGING_RULES": ""}, journal=True)
         self.addCleanup(journal.stop)
-        inherited = Emulator(log_debug=False, env=dict(rules, JOURNAL_STREAM="0:0"))
+        journal.wait_control()
+        journal.wait_ready()
+        journal.wait_service()
+        usbd = journal.usbd()
+        journal.ctl("plug", "--speed", "high-speed")
+        wait_for(lambda: int(usbd.Get(INTERFACE, "link_type",
+                                      dbus_interface="org.freedesktop.DBus.Properties")) == 1,
+                 what="link type 1")
+        usbd.send_data(dbus.ByteArray(b"abc"), dbus.Byte(3), timeout=20)
+        journal.wait_log("transfer time:")
+        log = journal.log()
+        self.assertRegex(log, r"(?m)^<4>usb_link state: 1$")
+        self.assertRegex(log, r"(?m)^<7>usbd: connection changed: usb 1, ios 0$")
+        self.assertRegex(log, r"(?m)^<7>max_buffers: 1, virt_buffers: 1 \(3b\), phys_buffers: 0 \(0b\)$")
+        # ("usbd: connection changed" is a line of the default category that names the daemon.)
+        self.assertNotRegex(log, r"(?m)^<7>(usbd|usbconn|usbdbuffer|usbdbufferlist|usbdsocket|iosconn): "
+                                 r"(?!connection changed)")
+
+        # Fault paths: a path that is not a file, a write ended by a cable pull, a receive whose
+        # host ends the data early.
+        journal.ctl("exec", "--", "mkfifo", "/tmp/fifo")
+        with self.assertRaises(dbus.DBusException):
+            usbd.send_file(dbus.Array([dbus.Dictionary({
+                "path": "/tmp/fifo", "offset": dbus.Int64(0), "size": dbus.Int32(1),
+                "element_alignment": dbus.Int32(0), "element_padding": dbus.Int32(0),
+                "session_id": dbus.UInt16(0)}, signature="sv")], signature="a{sv}"), timeout=20)
+        journal.ctl("stall")
+        held = subprocess.Popen([EMUCTL, "--name", journal.name, "exec", "--", "gdbus", "call",
+                                 "--system", "-d", "com.korvane.usbd", "-o", "/com/korvane/usbd",
+                                 "-m", "com.korvane.usbd.send_data", "[byte 0x68, 0x69]", "byte 2"],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        wait_for(lambda: any(ep["file"] == "ep3" and ep["waiting"]
+                             for ep in journal.status()["endpoints"]), what="the held write")
+        journal.ctl("unplug")
+        self.assertIn(b"Failed to send buffer", held.communicate(timeout=20)[1])
+        journal.ctl("release")
+        journal.ctl("plug", "--speed", "high-speed")
+        usbd.open_file("/tmp/short.bin", 10, 0)
+        journal.ctl("ep1-push", "-", input=b"12345")
+        journal.ctl("ep1-eof")
+        wait_for(lambda: os.path.exists(journal.inside("/tmp/short.bin")) and
+                 os.path.getsize(journal.inside("/tmp/short.bin")) == 5, what="the short file")
+
+        documented = [r"usb_link state: [01]", r"transfer time: \d+ms", r"failed to map buffer",
+                      r"usbconn: (writev|ioctl)\(\) failed: \d+"]
+        for line in journal.log().splitlines():
+            if line.startswith(("<0>", "<1>", "<2>", "<3>")):
+                self.fail(f"unexpected error line: {line}")
+            if line.startswith("<4>"):
+                self.assertTrue(any(re.fullmatch(text, line[3:]) for text in documented), line)
+
+        # A JOURNAL_STREAM that names another file (inherited from a parent) changes nothing.
+        inherited = Emulator(log_debug=False, env={"QT_LOGGING_RULES": "", "JOURNAL_STREAM": "0:0"})
         self.addCleanup(inherited.stop)
-        for emu in (journal, inherited):
-            emu.wait_control()
-            emu.wait_ready()
-            emu.ctl("plug", "--speed", "high-speed")
-            emu.wait_log("usb_link state: 1")
-            emu.wait_log("connection changed")
-        self.assertRegex(journal.log(), r"(?m)^<4>usb_link state: 1$")
-        self.assertRegex(journal.log(), r"(?m)^<7>usbd: connection changed: usb 1")
+        inherited.wait_control()
+        inherited.wait_ready()
+        inherited.ctl("plug", "--speed", "high-speed")
+        inherited.wait_log("usbd: connection changed: usb 1, ios 0")
         self.assertRegex(inherited.log(), r"(?m)^usb_link state: 1$")
 
     def test_runs_without_functionfs(self):

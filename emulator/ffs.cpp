@@ -876,7 +876,12 @@ void FunctionFs::opWrite(fuse_req_t req, fuse_ino_t ino, const char *buf, size_t
         fuse_reply_err(req, ESHUTDOWN);
         return;
     }
-    if (enabled_ && !ep->stalled && ep->held.empty()) {
+    // FUSE hands one system call over in chunks; f_fs takes a write as one request, which a
+    // signal either ends before anything went out (EINTR) or not at all. So a stall holds only
+    // a call's first chunk: once that was taken, the rest of the call is taken too, and a
+    // signal can never leave a partial count behind.
+    const bool continuation = off > 0 && enabled_ && ep->syscallGeneration == enableGeneration_;
+    if (continuation || (enabled_ && !ep->stalled && ep->held.empty())) {
         acceptWriteLocked(*ep, req, data, size, off);
         return;
     }

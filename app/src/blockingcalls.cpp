@@ -78,17 +78,13 @@ void BlockingCalls::kick(Kind kind, const std::function<bool()> &wanted)
         const timespec pause{0, 1000000};
         nanosleep(&pause, nullptr);
     }
-    qCWarning(lcUsbd) << "a blocking call did not end when signalled";
+    qCDebug(lcUsbd) << "a blocking call did not end when signalled";
 }
 
 namespace transferthread {
 namespace {
 
 BlockingCalls transferCalls;
-// The request in progress (0 = none); only the transfer thread writes it and transferCount.
-std::atomic<uint64_t> currentTransfer{0};
-uint64_t transferCount = 0;
-std::atomic<uint64_t> interruptedTransfer{0};
 std::atomic<bool> usbIn{true};
 
 } // namespace
@@ -96,33 +92,6 @@ std::atomic<bool> usbIn{true};
 BlockingCalls &calls()
 {
     return transferCalls;
-}
-
-void beginTransfer()
-{
-    currentTransfer.store(++transferCount);
-}
-
-void endTransfer()
-{
-    currentTransfer.store(0);
-}
-
-bool interrupted()
-{
-    const uint64_t current = currentTransfer.load();
-    return current != 0 && interruptedTransfer.load() == current;
-}
-
-void interrupt()
-{
-    const uint64_t current = currentTransfer.load();
-    if (current == 0)
-        return; // idle: a later request must not be touched
-    interruptedTransfer.store(current);
-    // Only while that request is still in progress: the signals must not end the next one.
-    transferCalls.kick(BlockingCalls::kAnyCall,
-                       [current] { return currentTransfer.load() == current; });
 }
 
 bool usbInEnabled()

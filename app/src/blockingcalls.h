@@ -7,12 +7,13 @@
 #include <functional>
 #include <mutex>
 
-// One thread's blocking system calls, and a way for other threads to make them end early.
+// One thread's blocking system calls, and a way for other threads to make them end for good.
 //
-// A signal sent once is not enough: it can land just before the thread enters its call (and is
-// then lost), and a call it does end may still report a partial count. So whoever wants a call
-// ended first sets a flag of its own that the thread reads around every blocking call, and then
-// calls kick(), which signals the thread again and again until it has left the call it was in.
+// A signal sent once is not enough for that: it can land just before the thread enters its call
+// (and is then lost). So whoever wants calls ended first sets a flag of its own that the thread
+// reads around every blocking call, and then calls kick(), which signals the thread again and
+// again until it has left the call it was in. (A client's interrupt is not such a reason: it is
+// one signal, and ends only a call that blocks when it arrives.)
 //
 // The thread brackets each blocking call with enter() and leave(); after enter() it reads the
 // flags that may forbid the call, and after leave() it reads them again, whatever the call
@@ -54,15 +55,6 @@ private:
 namespace transferthread {
 
 BlockingCalls &calls();
-
-// A request starts or ends on the transfer thread; interrupts arriving between requests are
-// for no request and change nothing.
-void beginTransfer();
-void endTransfer();
-// True when the request in progress was interrupted by a client; read by the transports.
-bool interrupted();
-// Any thread: ends the request in progress, if there is one.
-void interrupt();
 
 // Whether the USB function can carry data: false from the moment the host disables or unbinds
 // the function (or re-binds it) until it enables it again. While false, writes to the bulk IN

@@ -1,35 +1,23 @@
 #include "iosconn.h"
 
-#include <time.h>
-
 #include <cstring>
 #include <vector>
 
 #include <QDebug>
+#include <QThread>
 
 #include <libiosconn.h>
 
-#include "blockingcalls.h"
 #include "logging.h"
 #include "usbdbuffer.h"
 #include "usbdbufferlist.h"
+#include "zeroblock.h"
 
 namespace {
 
 // The last argument of the library's send calls; its meaning is the library's.
 constexpr int kMfiSendFlags = 1;
 constexpr int kMfiRecordFlags = 10;
-
-// One record call, which a client's interrupt can end (or keep from starting).
-template <typename Send>
-int sendRecord(Send send)
-{
-    auto &calls = transferthread::calls();
-    calls.enter(BlockingCalls::kOtherCall);
-    const int result = transferthread::interrupted() ? -1 : send();
-    calls.leave();
-    return transferthread::interrupted() ? -1 : result;
-}
 
 } // namespace
 
@@ -57,25 +45,28 @@ bool IOSConn::stop()
 
 bool IOSConn::transfer(UsbDBufferList *request)
 {
-    // Sizes are summed in 64 bits and the request refused if they do not fit the records'
-    // 32-bit fields, instead of telling the receiver a wrapped total.
-    quint64 total = 0;
-    for (UsbDBuffer *buffer : request->buffers())
-        total += quint64(buffer->size()) + buffer->elementPadding();
-    if (total > 0xFFFFFFFFu) {
-        qWarning() << "request too large for the MFi link:" << total << "bytes";
-        return false;
+    const QList<UsbDBuffer *> buffers = request->buffers();
+    // The request total is a 32-bit field of every record: the sum wraps past 4 GiB, as the
+    // receiver expects.
+    quint32 total = 0;
+    for (UsbDBuffer *buffer : buffers) {
+        if (buffer->elementPadding() > kMfiMaxPadding) {
+            qCDebug(lcIosConn) << "padding of" << buffer->elementPadding() << "bytes refused";
+            qWarning() << "failed to map buffer";
+            return false;
+        }
+        total += buffer->size() + buffer->elementPadding();
     }
 
     quint32 requestOffset = 0;
-    for (UsbDBuffer *buffer : request->buffers()) {
+    for (UsbDBuffer *buffer : buffers) {
         bool sent;
         if (auto *file = qobject_cast<UsbDBufferPath *>(buffer))
-            sent = transfer(file, quint32(total), requestOffset);
+            sent = transfer(file, total, requestOffset);
         else if (auto *shm = qobject_cast<UsbDBufferArvoHandle *>(buffer))
-            sent = transfer(shm, quint32(total), requestOffset);
+            sent = transfer(shm, total, requestOffset);
         else
-            sent = transfer(buffer, quint32(total), requestOffset);
+            sent = transfer(buffer, total, requestOffset);
         if (!sent)
             return false;
     }
@@ -84,7 +75,7 @@ bool IOSConn::transfer(UsbDBufferList *request)
 
 bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset)
 {
-    // A null address would make the frames below send zeros instead of the data.
+    // A buffer that says it mapped but has no address would send from address 0 + offset.
     if (!buffer->map() || (buffer->size() != 0 && buffer->virtualAddress() == nullptr)) {
         qWarning() << "failed to map buffer";
         return false;
@@ -99,73 +90,55 @@ bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset
     header.total = total;
     header.sessionId = buffer->sessionId();
 
-    if (!sendFrames(&header, buffer->virtualAddress() + buffer->offset(), size, requestOffset))
-        return false;
-
-    // Padding goes out in frames like data, from the one zero block, so that however much a
-    // client asks for costs no memory and every byte accepted is sent or the request fails.
-    if (padding != 0 && !sendFrames(&header, nullptr, padding, requestOffset))
-        return false;
-    return true;
-}
-
-bool IOSConn::sendFrames(MfiFrameHeader *header, const uchar *data, quint32 size,
-                         quint32 &requestOffset)
-{
-    static const uchar kZeros[kMfiMaxFramePayload] = {};
-    auto &calls = transferthread::calls();
+    const uchar *const data = buffer->virtualAddress() + buffer->offset();
     quint32 remaining = size;
     int failures = 0;
     while (remaining != 0) {
-        const uchar *payload = data ? data + (size - remaining) : kZeros;
         const quint32 frameLength = qMin(remaining, kMfiMaxFramePayload);
-        header->offset = requestOffset;
-        header->length = frameLength;
-        // A client's interrupt ends the transfer, also between retries: the retry rule is for
-        // a link that is busy, not for a request its client no longer wants.
-        calls.enter(BlockingCalls::kOtherCall);
-        const bool interrupted = transferthread::interrupted();
-        const int result = interrupted ? -1
-                                       : iosconn_send_with_header(kMfiLinkId, header, int(sizeof(*header)),
-                                                                  payload, int(frameLength), kMfiSendFlags);
-        calls.leave();
-        if (interrupted || transferthread::interrupted()) {
-            qCWarning(lcIosConn) << "transfer interrupted";
-            return false;
-        }
-        // In 64 bits: a library result near INT_MIN must not wrap into a large success.
+        header.offset = requestOffset;
+        header.length = frameLength;
+        const int result = iosconn_send_with_header(kMfiLinkId, &header, int(sizeof header),
+                                                    data + (size - remaining), int(frameLength),
+                                                    kMfiSendFlags);
+        // In 64 bits: a result near INT_MIN must not wrap into a large success.
         const qint64 written = qint64(result) - kMfiFrameHeaderSize;
-        if (data)
-            qCDebug(lcIosConn) << "MFI send data" << "remaining:" << remaining
-                               << "current frame size:" << frameLength << "bytes_written" << written;
-        else
-            qCDebug(lcIosConn) << "write aligned padding size" << result;
-        // A frame of which nothing was taken (the library's "busy": just the header's 32) is
-        // not progress either: it counts as a failed attempt, so a link that stays busy ends
-        // the transfer instead of spinning.
-        if (written > 0) {
-            // A library that reports more than it was given must not move us past the frame.
-            const quint32 accepted = qMin(quint32(written), frameLength);
-            remaining -= accepted;
-            requestOffset += accepted;
+        qCDebug(lcIosConn) << "MFI send data" << "remaining:" << remaining
+                           << "current frame size:" << frameLength << "bytes_written" << written;
+        if (written >= 0) {
+            // A library that claims more than the frame must not move the next frame's start
+            // past the buffer.
+            const quint32 taken = quint32(qMin<qint64>(written, frameLength));
+            if (taken != written)
+                qCDebug(lcIosConn) << "the library reported" << written << "of" << frameLength << "bytes";
+            remaining -= taken;
+            requestOffset += taken;
             failures = 0;
             continue;
         }
         if (failures == kMfiMaxRetries) {
             qCDebug(lcIosConn) << "send error, ret value =" << written;
-            qCWarning(lcIosConn) << "frame not taken after" << kMfiMaxRetries + 1
-                                 << "attempts: transfer failed";
             return false;
         }
         ++failures;
-        // The wait is one bracketed call, so an interrupt ends it at once.
-        const timespec delay{0, long(kMfiRetryDelayUs) * 1000};
-        calls.enter(BlockingCalls::kOtherCall);
-        if (!transferthread::interrupted())
-            nanosleep(&delay, nullptr);
-        calls.leave();
+        QThread::usleep(kMfiRetryDelayUs);
         qCDebug(lcIosConn) << "MFI usb data send err,ret value =" << written << "retry for" << failures
                            << "times";
+    }
+
+    if (padding != 0) {
+        // One frame, from zero pages that cost no memory of the padding's size.
+        const ZeroBlock zeros(padding);
+        if (zeros.data() == nullptr) {
+            qCDebug(lcIosConn) << "no address space for" << padding << "bytes of padding";
+            qWarning() << "failed to map buffer";
+            return false;
+        }
+        header.offset = requestOffset;
+        header.length = padding;
+        const int result = iosconn_send_with_header(kMfiLinkId, &header, int(sizeof header),
+                                                    zeros.data(), int(padding), kMfiSendFlags);
+        requestOffset += padding;
+        qCDebug(lcIosConn) << "write aligned padding size" << result;
     }
     return true;
 }
@@ -173,6 +146,7 @@ bool IOSConn::sendFrames(MfiFrameHeader *header, const uchar *data, quint32 size
 bool IOSConn::transfer(UsbDBufferPath *buffer, quint32 total, quint32 &requestOffset)
 {
     const QByteArray path = buffer->path().toUtf8();
+    // The record's length field has 16 bits; no path the system can open is that long.
     if (path.size() > 0xFFFF) {
         qWarning("failed send file\n");
         return false;
@@ -188,7 +162,7 @@ bool IOSConn::transfer(UsbDBufferPath *buffer, quint32 total, quint32 &requestOf
     record->pathLength = quint16(path.size());
     memcpy(storage.data() + offsetof(MfiFileRecord, path), path.constData(), size_t(path.size()));
 
-    if (sendRecord([record] { return iosconn_send_file(kMfiLinkId, record, kMfiRecordFlags); }) <= 0) {
+    if (iosconn_send_file(kMfiLinkId, record, kMfiRecordFlags) <= 0) {
         qWarning("failed send file\n");
         return false;
     }
@@ -207,7 +181,7 @@ bool IOSConn::transfer(UsbDBufferArvoHandle *buffer, quint32 total, quint32 &req
     record.sessionId = buffer->sessionId();
     record.handle = buffer->handle();
 
-    if (sendRecord([&record] { return iosconn_send_shm(kMfiLinkId, &record, kMfiRecordFlags); }) <= 0) {
+    if (iosconn_send_shm(kMfiLinkId, &record, kMfiRecordFlags) <= 0) {
         qWarning("failed send shm\n");
         return false;
     }

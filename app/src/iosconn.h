@@ -15,6 +15,9 @@ constexpr quint32 kMfiMaxFramePayload = 131040;
 constexpr quint32 kMfiHeaderMarker = 0x000001FF;
 constexpr int kMfiMaxRetries = 6;
 constexpr unsigned long kMfiRetryDelayUs = 100000;
+// Largest padding a buffer may ask for: the D-Bus interface carries it as a signed 32-bit count,
+// and the library takes a frame's length as an int.
+constexpr quint32 kMfiMaxPadding = 0x7FFFFFFF;
 
 // Header before every memory frame handed to the MFi link library.
 struct __attribute__((packed)) MfiFrameHeader {
@@ -68,7 +71,4 @@ private:
     bool transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset);
     bool transfer(UsbDBufferPath *buffer, quint32 total, quint32 &requestOffset);
     bool transfer(UsbDBufferArvoHandle *buffer, quint32 total, quint32 &requestOffset);
-    // Sends `size` bytes from `data` (zeros when null) in frames behind `header`, moving the
-    // request offset on by what the library takes; retries a frame under the retry rule.
-    bool sendFrames(MfiFrameHeader *header, const uchar *data, quint32 size, quint32 &requestOffset);
 };

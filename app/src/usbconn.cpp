@@ -1,7 +1,6 @@
 #include "usbconn.h"
 
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/uio.h>
 
 #include <cerrno>
@@ -14,15 +13,9 @@
 #include "logging.h"
 #include "usbdbuffer.h"
 #include "usbdbufferlist.h"
+#include "zeroblock.h"
 
 namespace {
-
-// One piece of a request: a buffer's data, or the padding after it.
-struct Segment {
-    const uchar *start;
-    quint32 length;
-    quint32 physicalAddress; // 0 = none
-};
 
 // Where the next byte to send lies: a segment and how much of it has gone out.
 struct Position {
@@ -30,48 +23,13 @@ struct Position {
     quint32 sent = 0;
 };
 
-// The zero bytes every padding entry points into: one read-only anonymous mapping of the
-// largest call, made once and kept for the life of the process. Every page of it maps the kernel's shared zero page, so it costs
-// no memory, and however much padding a request asks for, no entry of one call is longer than
-// the call. Entries of one call may share its bytes; writev only reads them.
-const uchar *zeroBlock()
+// The zero bytes every padding entry points into, made once for the life of the process. No
+// entry of one call is longer than the call, so a block of the largest call serves any padding;
+// entries of one call may share its bytes, as writev only reads them.
+const uchar *zeroBytes()
 {
-    static const uchar *const block = [] {
-        void *mapping = ::mmap(nullptr, kUsbMaxBytesPerCall, PROT_READ,
-                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        return mapping == MAP_FAILED ? nullptr : static_cast<const uchar *>(mapping);
-    }();
-    return block;
-}
-
-// Why the request must end now although its last call succeeded or was merely interrupted: a
-// client's interrupt, or the host went away. Logged once, when it ends the transfer.
-bool transferEnded()
-{
-    if (transferthread::interrupted()) {
-        qCWarning(lcUsbConn) << "transfer interrupted";
-        return true;
-    }
-    if (!transferthread::usbInEnabled()) {
-        qCWarning(lcUsbConn) << "transfer ended: the USB function is not enabled";
-        return true;
-    }
-    return false;
-}
-
-// Moves a position on by count bytes, past every segment that is then complete.
-void advance(const Segment *segments, int segmentCount, Position *position, quint64 count)
-{
-    while (count > 0 && position->segment < segmentCount) {
-        const Segment &segment = segments[position->segment];
-        const quint64 take = qMin<quint64>(count, segment.length - position->sent);
-        position->sent += quint32(take);
-        count -= take;
-        if (position->sent == segment.length) {
-            ++position->segment;
-            position->sent = 0;
-        }
-    }
+    static const ZeroBlock block(kUsbMaxBytesPerCall);
+    return block.data();
 }
 
 // The summary line prints byte counts of 1 KiB and more in whole KiB.
@@ -83,6 +41,53 @@ void scaled(size_t bytes, size_t *value, const char **unit)
     } else {
         *value = bytes;
         *unit = "b";
+    }
+}
+
+// One system call's entries, filled from a position: each covers the rest of its segment, cut
+// to the budget; filling stops when the budget is used up.
+struct CallTable {
+    iovec entries[kUsbMaxSegments];
+    quint32 physical[kUsbMaxSegments]; // address of each entry's first byte, 0 = none
+    int count = 0;
+    quint64 length = 0;
+    Position end; // where the next call starts if this one takes everything
+
+    CallTable(const USBConn::Segment *segments, int segmentCount, Position from, quint64 budget,
+              const uchar *zeros)
+        : end(from)
+    {
+        while (budget != 0 && end.segment < segmentCount) {
+            const USBConn::Segment &segment = segments[end.segment];
+            const quint32 take = quint32(qMin<quint64>(segment.length - end.sent, budget));
+            entries[count].iov_base =
+                const_cast<uchar *>(segment.start ? segment.start + end.sent : zeros);
+            entries[count].iov_len = take;
+            physical[count] = segment.physicalAddress != 0 ? segment.physicalAddress + end.sent : 0;
+            ++count;
+            budget -= take;
+            length += take;
+            end.sent += take;
+            if (end.sent == segment.length) {
+                ++end.segment;
+                end.sent = 0;
+            }
+        }
+    }
+};
+
+// Moves a position on by count bytes, past every segment that is then complete.
+void advance(const USBConn::Segment *segments, int segmentCount, Position *position, quint64 count)
+{
+    while (count > 0 && position->segment < segmentCount) {
+        const USBConn::Segment &segment = segments[position->segment];
+        const quint64 take = qMin<quint64>(count, segment.length - position->sent);
+        position->sent += quint32(take);
+        count -= take;
+        if (position->sent == segment.length) {
+            ++position->segment;
+            position->sent = 0;
+        }
     }
 }
 
@@ -112,150 +117,16 @@ bool USBConn::transfer(UsbDBufferList *request)
 {
     qCDebug(lcUsbConn);
 
-    const QList<UsbDBuffer *> buffers = request->buffers();
-
-    // Every buffer is mapped and checked before the first byte goes out, so a request that
-    // cannot be sent whole leaves nothing half-sent on the wire.
     Segment segments[kUsbMaxSegments];
     int segmentCount = 0;
     quint64 total = 0;
-    for (UsbDBuffer *buffer : buffers) {
-        const quint32 padding = buffer ? buffer->elementPadding() : 0;
-        const int needed = padding != 0 ? 2 : 1;
-        if (buffer == nullptr || segmentCount + needed > kUsbMaxSegments || !buffer->map()
-            || (buffer->size() != 0 && buffer->virtualAddress() == nullptr)) {
-            qWarning() << "failed to map buffer";
-            return false;
-        }
-
-        const quint32 physical = buffer->physicalAddress();
-        Segment &data = segments[segmentCount++];
-        data.start = buffer->virtualAddress() + buffer->offset();
-        data.length = buffer->size();
-        data.physicalAddress = physical != 0 ? physical + buffer->offset() : 0;
-        total += data.length;
-
-        if (padding != 0) {
-            Segment &pad = segments[segmentCount++];
-            pad.start = nullptr; // every entry of it starts at the zero block
-            pad.length = padding;
-            pad.physicalAddress = 0;
-            total += padding;
-        }
-    }
-    const uchar *zeros = zeroBlock();
-    if (zeros == nullptr) {
-        qCWarning(lcUsbConn) << "cannot map the zero block for padding";
+    if (!mapSegments(request->buffers(), segments, &segmentCount, &total)) {
+        qWarning() << "failed to map buffer";
         return false;
     }
-
-    size_t maxEntries = 0;
-    size_t virtEntries = 0;
-    size_t virtBytes = 0;
-    size_t physCalls = 0;
-    size_t physBytes = 0;
-
-    Position position;
-    quint64 remaining = total;
-    while (remaining != 0) {
-        iovec entries[kUsbMaxSegments];
-        quint32 entryPhysical[kUsbMaxSegments];
-        int count = 0;
-        quint64 budget = qMin<quint64>(remaining, callLimit_);
-        quint64 callLength = 0;
-        Position fill = position;
-        while (budget != 0 && fill.segment < segmentCount) {
-            const Segment &segment = segments[fill.segment];
-            const quint32 length = quint32(qMin<quint64>(segment.length - fill.sent, budget));
-            const uchar *start = segment.start ? segment.start + fill.sent : zeros;
-            entries[count].iov_base = const_cast<uchar *>(start);
-            entries[count].iov_len = length;
-            entryPhysical[count] = segment.physicalAddress != 0
-                                       ? segment.physicalAddress + fill.sent : 0;
-            ++count;
-            budget -= length;
-            callLength += length;
-            fill.sent += length;
-            if (fill.sent == segment.length) {
-                ++fill.segment;
-                fill.sent = 0;
-            }
-        }
-
-        const bool physicalCall = count == 1 && physicalTransfers_ && entryPhysical[0] != 0;
-        auto &calls = transferthread::calls();
-        calls.enter(BlockingCalls::kUsbInCall);
-        // Read after entering: either the flag is seen here or the thread that sets it sees
-        // this call and signals it.
-        if (transferEnded()) {
-            calls.leave();
-            return false;
-        }
-        ssize_t written;
-        if (physicalCall) {
-            UsbPhysTransfer record;
-            record.physicalAddress = entryPhysical[0];
-            record.length = quint32(entries[0].iov_len);
-            written = ::ioctl(endpointFd_, kUsbPhysTransferIoctl, &record);
-        } else {
-            maxEntries = qMax(maxEntries, size_t(count));
-            virtEntries += size_t(count);
-            written = ::writev(endpointFd_, entries, count);
-        }
-        const int error = errno;
-        calls.leave();
-
-        if (written < 0) {
-            if (error == EINTR && !transferthread::interrupted() && transferthread::usbInEnabled())
-                continue; // a signal meant for no transfer: the same bytes again
-            if (physicalCall && error == ENOTTY) {
-                // The endpoint driver has no physical-address request (a stock FunctionFS). It
-                // wrote nothing, so the same bytes go out through writev from the mapping, and
-                // the driver is not asked again. Found out here rather than by a probe at
-                // start-up: the only probe is a real request, which before a host enables the
-                // function would block, and afterwards would send bytes nobody asked for.
-                qCWarning(lcUsbConn) << "ioctl() failed:" << error
-                                     << "- sending by virtual address from now on";
-                physicalTransfers_ = false;
-                continue;
-            }
-            if (error == ENOMEM && callLength > kUsbMinBytesPerCall) {
-                // The driver copies each call into one contiguous kernel buffer, and not every
-                // controller gets one of this size: smaller calls, kept for later requests.
-                callLimit_ = qMax<quint64>(kUsbMinBytesPerCall, callLength / 2);
-                qCDebug(lcUsbConn) << (physicalCall ? "ioctl()" : "writev()") << "of" << callLength
-                                   << "bytes failed with ENOMEM; calls of at most" << callLimit_
-                                   << "bytes from now on";
-                continue;
-            }
-            if (error == EINTR)
-                transferEnded(); // says why
-            qCWarning(lcUsbConn) << (physicalCall ? "ioctl() failed:" : "writev() failed:") << error;
-            return false;
-        }
-        if (physicalCall) {
-            physBytes += size_t(written);
-            ++physCalls;
-        } else {
-            virtBytes += size_t(written);
-        }
-        // Even a complete call does not count once the transfer was ended meanwhile: an
-        // interrupted call may report the part it took as if nothing happened.
-        if (quint64(written) < callLength && transferEnded())
-            return false;
-
-        // A short write is continued at the first byte not taken. A call that takes nothing
-        // (or claims more than it was given) would make that loop spin or run off the request.
-        if (written == 0 || quint64(written) > callLength) {
-            qCWarning(lcUsbConn) << "endpoint took" << written << "of" << callLength << "bytes";
-            return false;
-        }
-        if (quint64(written) == callLength)
-            position = fill;
-        else
-            advance(segments, segmentCount, &position, quint64(written));
-        remaining -= quint64(written);
-    }
+    Counts counts;
+    if (!sendSegments(segments, segmentCount, total, &counts))
+        return false;
 
     // qDebug's printf form formats before the category filter drops the line; on every small
     // request that formatting cost more than the rest of the transfer, so ask first.
@@ -264,10 +135,138 @@ bool USBConn::transfer(UsbDBufferList *request)
         size_t physValue;
         const char *virtUnit;
         const char *physUnit;
-        scaled(virtBytes, &virtValue, &virtUnit);
-        scaled(physBytes, &physValue, &physUnit);
-        qDebug("max_buffers: %zu, virt_buffers: %zu (%zu%s), phys_buffers: %zu (%zu%s)", maxEntries,
-               virtEntries, virtValue, virtUnit, physCalls, physValue, physUnit);
+        scaled(counts.virtBytes, &virtValue, &virtUnit);
+        scaled(counts.physBytes, &physValue, &physUnit);
+        qDebug("max_buffers: %zu, virt_buffers: %zu (%zu%s), phys_buffers: %zu (%zu%s)",
+               counts.maxEntries, counts.virtEntries, virtValue, virtUnit, counts.physCalls,
+               physValue, physUnit);
+    }
+    return true;
+}
+
+// Maps every buffer and lays out its data and padding, before the first byte goes out, so that
+// a request that cannot be sent whole leaves nothing half-sent on the wire.
+bool USBConn::mapSegments(const QList<UsbDBuffer *> &buffers, Segment *segments, int *count,
+                          quint64 *total)
+{
+    for (UsbDBuffer *buffer : buffers) {
+        if (buffer == nullptr)
+            return false;
+        const quint32 padding = buffer->elementPadding();
+        if (*count + (padding != 0 ? 2 : 1) > kUsbMaxSegments)
+            return false;
+        if (padding > kUsbMaxPadding) {
+            qCDebug(lcUsbConn) << "padding of" << padding << "bytes refused";
+            return false;
+        }
+        if (!buffer->map())
+            return false;
+        // A buffer that says it mapped but has no address would send from address 0 + offset.
+        if (buffer->size() != 0 && buffer->virtualAddress() == nullptr)
+            return false;
+
+        const quint32 physical = buffer->physicalAddress();
+        Segment &data = segments[(*count)++];
+        data.start = buffer->virtualAddress() + buffer->offset();
+        data.length = buffer->size();
+        data.physicalAddress = physical != 0 ? physical + buffer->offset() : 0;
+        *total += data.length;
+
+        if (padding != 0) {
+            if (zeroBytes() == nullptr) {
+                qCDebug(lcUsbConn) << "no address space for the zero block";
+                return false;
+            }
+            segments[(*count)++] = Segment{nullptr, padding, 0};
+            *total += padding;
+        }
+    }
+    return true;
+}
+
+// The send loop: calls of at most callLimit_ bytes and 32 entries; a single entry with a
+// physical address goes to the driver's physical-address request, everything else to writev.
+// A call that takes fewer bytes than offered (none at all included) is followed by one that
+// starts at the first byte not taken.
+bool USBConn::sendSegments(const Segment *segments, int count, quint64 total, Counts *counts)
+{
+    Position position;
+    quint64 remaining = total;
+    while (remaining != 0) {
+        const CallTable call(segments, count, position, qMin<quint64>(remaining, callLimit_),
+                             zeroBytes());
+        const bool physicalCall = call.count == 1 && physicalTransfers_ && call.physical[0] != 0;
+        const char *const failed = physicalCall ? "ioctl() failed:" : "writev() failed:";
+
+        auto &calls = transferthread::calls();
+        calls.enter(BlockingCalls::kUsbInCall);
+        // Read after entering: either the flag is seen here or the thread that clears it sees
+        // this call and signals it out. A host that went away must not get bytes meant for it
+        // on the next host's connection: the write fails now as the kernel fails one that is in
+        // progress when the host goes.
+        if (!transferthread::usbInEnabled()) {
+            calls.leave();
+            qCDebug(lcUsbConn) << "the USB function is not enabled";
+            qCWarning(lcUsbConn) << failed << ESHUTDOWN;
+            return false;
+        }
+        ssize_t written;
+        if (physicalCall) {
+            UsbPhysTransfer record;
+            record.physicalAddress = call.physical[0];
+            record.length = quint32(call.entries[0].iov_len);
+            written = ::ioctl(endpointFd_, kUsbPhysTransferIoctl, &record);
+        } else {
+            counts->maxEntries = qMax(counts->maxEntries, size_t(call.count));
+            counts->virtEntries += size_t(call.count);
+            written = ::writev(endpointFd_, call.entries, call.count);
+        }
+        const int error = errno;
+        calls.leave();
+
+        if (written < 0) {
+            if (physicalCall && error == ENOTTY) {
+                // The endpoint driver has no physical-address request (a stock FunctionFS). It
+                // wrote nothing, so the same bytes go out through writev from the mapping, and
+                // the driver is not asked again. Found out here rather than by a probe at
+                // start-up: the only probe is a real request, which before a host enables the
+                // function would block, and afterwards would send bytes nobody asked for.
+                qCWarning(lcUsbConn) << failed << error;
+                qCDebug(lcUsbConn) << "no physical-address request on this endpoint: sending by"
+                                      " virtual address from now on";
+                physicalTransfers_ = false;
+                continue;
+            }
+            if (error == ENOMEM && call.length > kUsbMinBytesPerCall) {
+                // The driver copies each call into one contiguous kernel buffer, and not every
+                // controller gets one of this size: smaller calls, kept for later requests.
+                callLimit_ = qMax<quint64>(kUsbMinBytesPerCall, call.length / 2);
+                qCDebug(lcUsbConn) << (physicalCall ? "ioctl()" : "writev()") << "of" << call.length
+                                   << "bytes failed with ENOMEM; calls of at most" << callLimit_
+                                   << "bytes from now on";
+                continue;
+            }
+            qCWarning(lcUsbConn) << failed << error;
+            return false;
+        }
+        if (quint64(written) > call.length) {
+            // No endpoint takes more than it is offered; moving on by such a count would skip
+            // bytes of the request or run past its end.
+            qCDebug(lcUsbConn) << "endpoint reported" << written << "of" << call.length << "bytes";
+            qCWarning(lcUsbConn) << failed << EIO;
+            return false;
+        }
+        if (physicalCall) {
+            counts->physBytes += size_t(written);
+            ++counts->physCalls;
+        } else {
+            counts->virtBytes += size_t(written);
+        }
+        if (quint64(written) == call.length)
+            position = call.end;
+        else
+            advance(segments, count, &position, quint64(written));
+        remaining -= quint64(written);
     }
     return true;
 }

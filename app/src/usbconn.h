@@ -4,6 +4,8 @@
 
 #include "conn.h"
 
+class UsbDBuffer;
+
 // Most segments (data and padding pieces) a request may have, and most iovec entries per call.
 constexpr int kUsbMaxSegments = 32;
 // Most bytes handed to the endpoint in one system call.
@@ -12,6 +14,10 @@ constexpr quint32 kUsbMaxBytesPerCall = 0x800000;
 constexpr quint32 kUsbMinBytesPerCall = 16384;
 // The platform FunctionFS driver's endpoint request: send from a physical address, _IO('g', 6).
 constexpr unsigned long kUsbPhysTransferIoctl = 0x6706;
+
+// Largest padding a buffer may ask for: the D-Bus interface carries it as a signed 32-bit count,
+// so anything larger is a negative number that no client can mean.
+constexpr quint32 kUsbMaxPadding = 0x7FFFFFFF;
 
 // Argument of kUsbPhysTransferIoctl.
 struct __attribute__((packed)) UsbPhysTransfer {
@@ -33,7 +39,26 @@ public:
     bool stop() override;
     bool transfer(UsbDBufferList *request) override;
 
+    // One piece of a request: a buffer's data, or the padding after it (start null: zeros).
+    struct Segment {
+        const uchar *start;
+        quint32 length;
+        quint32 physicalAddress; // 0 = none
+    };
+    // Counts for the summary line after a request.
+    struct Counts {
+        size_t maxEntries = 0;
+        size_t virtEntries = 0;
+        size_t virtBytes = 0;
+        size_t physCalls = 0;
+        size_t physBytes = 0;
+    };
+
 private:
+    bool mapSegments(const QList<UsbDBuffer *> &buffers, Segment *segments, int *count,
+                     quint64 *total);
+    bool sendSegments(const Segment *segments, int count, quint64 total, Counts *counts);
+
     int endpointFd_;
     // Cleared for good when the endpoint driver turns out to lack the physical-address request.
     bool physicalTransfers_;

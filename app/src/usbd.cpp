@@ -162,9 +162,9 @@ void UsbD::setUsbSuperSpeed(bool superSpeed)
     emit usbSuperSpeedChanged(superSpeed);
 }
 
-void UsbD::open_file(const QString &file_name, int size, uint time_ms)
+void UsbD::open_file(const QString &file_name, int size)
 {
-    auto *worker = new usbd_worker(ep1_, file_name, size, time_ms, nullptr);
+    auto *worker = new usbd_worker(ep1_, file_name, size, nullptr);
     auto *thread = new QThread(nullptr);
     worker->moveToThread(thread);
     connect(thread, &QThread::started, worker, &usbd_worker::process);

@@ -32,9 +32,7 @@ public:
     void send_data(const QByteArray &usb_data, uchar usb_data_len, const QDBusMessage &msg);
     void send_file(QList<QVariantMap> file_list, const QDBusMessage &msg);
     void send_shm_data(QList<QVariantMap> shm_handle_list, const QDBusMessage &msg);
-    // time_ms (0 = no limit) bounds the receive, counted from this call: a receive whose host
-    // never sends must not keep the one OUT endpoint from the receives asked after it.
-    void open_file(const QString &file_name, int size, uint time_ms = 0);
+    void open_file(const QString &file_name, int size);
     void close_file();
 
 signals:

@@ -3,14 +3,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <signal.h>
+
 #include <cerrno>
-#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <set>
-#include <thread>
 
 #include <QDebug>
 #include <QFile>
@@ -26,31 +25,20 @@ namespace {
 constexpr qint64 kReceiveChunk = 1024 * 1024;
 
 // Receives on the one OUT endpoint are served one at a time, in the order asked: two readers
-// at once would split the host's stream between two files. A receive that gives up before its
-// turn leaves its place, so the ones behind it are not held up.
+// at once would split the host's stream between two files. A receive whose worker is deleted
+// without having run leaves its place, so the ones behind it are not held up.
 class ReceiveTurns {
 public:
-    using Deadline = std::optional<std::chrono::steady_clock::time_point>;
-
     uint64_t take()
     {
         std::lock_guard<std::mutex> guard(mutex_);
         return next_++;
     }
 
-    // False when the deadline passed first; the turn is then given up.
-    bool wait(uint64_t ticket, const Deadline &deadline)
+    void wait(uint64_t ticket)
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        const auto ready = [&] { return serving_ == ticket; };
-        if (!deadline) {
-            turn_.wait(lock, ready);
-            return true;
-        }
-        if (turn_.wait_until(lock, *deadline, ready))
-            return true;
-        abandoned_.insert(ticket);
-        return false;
+        turn_.wait(lock, [&] { return serving_ == ticket; });
     }
 
     void done(uint64_t ticket)
@@ -78,9 +66,6 @@ private:
         turn_.notify_all();
     }
 
-public:
-
-private:
     std::mutex mutex_;
     std::condition_variable turn_;
     uint64_t next_ = 0;     // guarded by mutex_
@@ -89,46 +74,6 @@ private:
 };
 
 ReceiveTurns receiveTurns;
-
-// Ends a receive's blocking reads at its deadline: sets the flag that the reader checks around
-// every read, then signals the reader out of the read it is in.
-class ReceiveDeadline {
-public:
-    ReceiveDeadline(BlockingCalls *calls, const ReceiveTurns::Deadline &deadline) : calls_(calls)
-    {
-        if (deadline)
-            watcher_ = std::thread([this, when = *deadline] { watch(when); });
-    }
-    ~ReceiveDeadline()
-    {
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            finished_ = true;
-        }
-        changed_.notify_all();
-        if (watcher_.joinable())
-            watcher_.join();
-    }
-    bool passed() const { return passed_.load(); }
-
-private:
-    void watch(std::chrono::steady_clock::time_point when)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (changed_.wait_until(lock, when, [this] { return finished_; }))
-            return;
-        lock.unlock();
-        passed_.store(true);
-        calls_->kick(BlockingCalls::kAnyCall, [] { return true; });
-    }
-
-    BlockingCalls *calls_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool finished_ = false; // guarded by mutex_
-    std::atomic<bool> passed_{false};
-    std::thread watcher_;
-};
 
 } // namespace
 
@@ -155,7 +100,7 @@ UsbDataIn::~UsbDataIn()
 bool UsbDataIn::send_data(UsbDBufferList *buffers)
 {
     if (buffers == nullptr) {
-        qCWarning(lcUsbd) << "send_data: no request";
+        qCDebug(lcUsbd) << "send_data: no request";
         return true;
     }
     pthread_mutex_lock(&lock_);
@@ -186,7 +131,8 @@ void UsbDataIn::setLinkType(OstrTypes::E_LinkType linkType)
 
 void UsbDataIn::interrupt()
 {
-    transferthread::interrupt();
+    if (transferThreadRecorded_.load(std::memory_order_acquire))
+        pthread_kill(transferThread_, SIGUSR1);
 }
 
 void UsbDataIn::quit()
@@ -199,7 +145,11 @@ void UsbDataIn::quit()
 
 void UsbDataIn::process()
 {
+    // attach() installs the do-nothing SIGUSR1 handler (without SA_RESTART) before anyone can
+    // learn this thread's id: the signal's default action would end the process.
     transferthread::calls().attach();
+    transferThread_ = pthread_self();
+    transferThreadRecorded_.store(true, std::memory_order_release);
 
     pthread_mutex_lock(&lock_);
     while (!quitting_) {
@@ -214,7 +164,6 @@ void UsbDataIn::process()
 
             timespec start;
             clock_gettime(CLOCK_MONOTONIC, &start);
-            transferthread::beginTransfer();
             bool sent = false;
             for (Conn *connection : qAsConst(connections_)) {
                 if (connection->supportsLinkType(linkType) && connection->transfer(request)) {
@@ -222,7 +171,6 @@ void UsbDataIn::process()
                     break;
                 }
             }
-            transferthread::endTransfer();
             if (sent) {
                 timespec end;
                 clock_gettime(CLOCK_MONOTONIC, &end);
@@ -242,22 +190,15 @@ void UsbDataIn::process()
     }
     pthread_mutex_unlock(&lock_);
 
+    transferThreadRecorded_.store(false, std::memory_order_release);
     transferthread::calls().detach();
 }
 
 usbd_worker::usbd_worker(int descriptor, const QString &path, int size, QObject *parent)
-    : usbd_worker(descriptor, path, size, 0, parent)
-{
-}
-
-usbd_worker::usbd_worker(int descriptor, const QString &path, int size, uint timeMs,
-                         QObject *parent)
     : QObject(parent),
       descriptor_(descriptor),
       path_(path),
       size_(size),
-      timeMs_(timeMs),
-      asked_(std::chrono::steady_clock::now()),
       // Taken here, in the order the receives are asked for; their threads may start in any.
       ticket_(receiveTurns.take())
 {
@@ -271,66 +212,43 @@ usbd_worker::~usbd_worker()
 
 void usbd_worker::process()
 {
-    ReceiveTurns::Deadline deadline;
-    if (timeMs_ > 0)
-        deadline = asked_ + std::chrono::milliseconds(timeMs_);
     processed_ = true;
-    const uint64_t ticket = ticket_;
-    if (!receiveTurns.wait(ticket, deadline)) {
-        qCWarning(lcUsbd).noquote() << "file receive timed out waiting for the endpoint:" << path_;
-        emit finished();
-        return;
-    }
+    receiveTurns.wait(ticket_);
 
-    BlockingCalls calls;
-    calls.attach();
-    {
-        ReceiveDeadline timer(&calls, deadline);
+    // Opening creates or truncates the file even when nothing is to be received.
+    QFile file(path_);
+    const bool opened = file.open(QIODevice::WriteOnly);
+    if (!opened)
+        qCDebug(lcUsbd) << "cannot open" << path_ << "for writing:" << file.errorString();
 
-        // Opening creates or truncates the file even when nothing is to be received.
-        QFile file(path_);
-        const bool opened = file.open(QIODevice::WriteOnly);
-        if (!opened)
-            qCWarning(lcUsbd) << "cannot open" << path_ << "for writing:" << file.errorString();
-
-        qint64 received = 0;
-        if (size_ > 0) {
-            std::unique_ptr<char[]> buffer(new char[kReceiveChunk]);
-            bool writeFailed = !opened;
-            while (received < size_ && !timer.passed()) {
-                calls.enter(BlockingCalls::kAnyCall);
-                const ssize_t count = timer.passed() ? -1
-                    : ::read(descriptor_, buffer.get(), size_t(qMin(qint64(size_) - received, kReceiveChunk)));
-                const int error = errno;
-                calls.leave();
-                if (count < 0) {
-                    if (timer.passed())
-                        break;
-                    if (error == EINTR)
-                        continue;
-                    qCWarning(lcUsbd) << "read() failed:" << error;
-                    break;
-                }
-                if (count == 0)
-                    break;
-                // Even when the file cannot take them the bytes are read, so that the endpoint
-                // stays in step with what the host sends.
-                if (!writeFailed && file.write(buffer.get(), count) != count) {
-                    writeFailed = true;
-                    qCWarning(lcUsbd) << "cannot write" << path_ << ":" << file.errorString();
-                }
-                received += count;
+    qint64 received = 0;
+    if (size_ > 0) {
+        std::unique_ptr<char[]> buffer(new char[kReceiveChunk]);
+        bool writeFailed = !opened;
+        while (received < size_) {
+            const ssize_t count =
+                ::read(descriptor_, buffer.get(), size_t(qMin(qint64(size_) - received, kReceiveChunk)));
+            if (count < 0 && errno == EINTR)
+                continue; // a signal meant for the process, not for this receive
+            if (count < 0) {
+                qCDebug(lcUsbd) << "read() failed:" << errno;
+                break;
             }
-            if (received < size_ && timer.passed())
-                qCWarning(lcUsbd, "file receive timed out: got %lld of %d bytes",
-                          static_cast<long long>(received), size_);
-            else if (received < size_)
-                qCWarning(lcUsbd, "file receive ended early: got %lld of %d bytes",
-                          static_cast<long long>(received), size_);
+            if (count == 0)
+                break;
+            // Even when the file cannot take them the bytes are read, so that the endpoint
+            // stays in step with what the host sends.
+            if (!writeFailed && file.write(buffer.get(), count) != count) {
+                writeFailed = true;
+                qCDebug(lcUsbd) << "cannot write" << path_ << ":" << file.errorString();
+            }
+            received += count;
         }
-        file.close();
+        if (received < size_)
+            qCDebug(lcUsbd, "file receive ended early: got %lld of %d bytes",
+                    static_cast<long long>(received), size_);
     }
-    calls.detach();
-    receiveTurns.done(ticket);
+    file.close();
+    receiveTurns.done(ticket_);
     emit finished();
 }

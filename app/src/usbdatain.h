@@ -2,7 +2,8 @@
 
 #include <pthread.h>
 
-#include <chrono>
+#include <atomic>
+#include <cstdint>
 
 #include <QList>
 #include <QObject>
@@ -22,13 +23,15 @@ public:
     explicit UsbDataIn(const QList<Conn *> &connections);
     ~UsbDataIn() override;
 
-    // Ends the request in progress: it fails, whatever its transport call returns. Signals the
-    // transfer thread (SIGUSR1) until it has left its blocking call, for at most about 200 ms.
-    // Does nothing while no request is in progress, in particular before the worker starts.
+    // Sends one SIGUSR1 to the transfer thread, without a lock: a blocking transport call that
+    // it is making returns early with EINTR, and the transport decides what that means for the
+    // request. A signal that arrives while no call blocks changes nothing. Before the worker
+    // has recorded its thread, nothing is signalled.
     void interrupt();
 
     // Makes process() return once the request in flight (if any) is complete; the daemon never
-    // calls it, but whoever tears the queue down must, before deleting it.
+    // calls it, but whoever tears the queue down must, before deleting it, and must not call
+    // interrupt() from then on.
     void quit();
 
 public slots:
@@ -44,16 +47,20 @@ private:
     bool quitting_ = false;
     pthread_mutex_t lock_;
     pthread_cond_t condition_;
+    // The transfer thread, written once by that thread before it waits for work; set before
+    // the flag is, so that whoever sees the flag sees the id.
+    pthread_t transferThread_{};
+    std::atomic<bool> transferThreadRecorded_{false};
 };
 
 // Receives one file from the host over the bulk OUT endpoint, for the D-Bus method open_file.
+// Receives take the endpoint one at a time, in the order their workers were made, and each
+// reads until its size has arrived or the endpoint ends the data (a read of 0 or an error);
+// none gives up by time.
 class usbd_worker : public QObject {
     Q_OBJECT
 public:
     usbd_worker(int descriptor, const QString &path, int size, QObject *parent);
-    // timeMs > 0: the receive ends, and gives up the endpoint, that many milliseconds after
-    // this construction, whether it is still waiting for its turn or reading.
-    usbd_worker(int descriptor, const QString &path, int size, uint timeMs, QObject *parent);
     ~usbd_worker() override;
 
 public slots:
@@ -66,8 +73,6 @@ private:
     int descriptor_;
     QString path_;
     int size_;
-    uint timeMs_ = 0;
-    std::chrono::steady_clock::time_point asked_;
     uint64_t ticket_; // place among the receives on the endpoint
     bool processed_ = false;
 };

@@ -71,10 +71,12 @@ void UsbdObjectImpl::handle_close_file(const QDBusMessage &)
     usbd_->close_file();
 }
 
-void UsbdObjectImpl::handle_open_file(const QString &file_name, int size, uint time_ms,
+void UsbdObjectImpl::handle_open_file(const QString &file_name, int size, uint /*time_ms*/,
                                       const QDBusMessage &)
 {
-    usbd_->open_file(file_name, size, time_ms);
+    // time_ms is part of the method's signature but not of the receive: a receive ends when
+    // its bytes have arrived or the endpoint ends the data, never by time.
+    usbd_->open_file(file_name, size);
 }
 
 void UsbdObjectImpl::handle_send_data(const QByteArray &usb_data, uchar usb_data_len,

@@ -185,11 +185,12 @@ TEST(UsbConnCalls, StockDriverAndSmallKernelBuffers)
 }
 
 // Padding costs a fixed amount of memory however large: every padding entry points into one
-// zero block no larger than a call, and every byte of it is offered exactly once.
+// zero block no larger than a call, and every byte of it is offered exactly once. A padding of
+// 2 GiB or more, negative as the D-Bus interface's signed count, is refused before any call.
 TEST(UsbConnCalls, HugePaddingFromOneSmallBlock)
 {
     const QByteArray data(1000, 'd');
-    constexpr quint32 kPadding = 0xC0000000u;
+    constexpr quint32 kPadding = 0x7FFFFFFFu;
     ASSERT_TRUE(send({new UsbDBufferMem(data, 0, 1000, 0, kPadding, 0, nullptr),
                       new UsbDBufferMem(data, 0, 10, 0, 5, 0, nullptr)}));
     quint64 offered = 0;
@@ -208,36 +209,69 @@ TEST(UsbConnCalls, HugePaddingFromOneSmallBlock)
     }
     ASSERT_NE(lowest, nullptr);
     EXPECT_LT(size_t(highest - lowest), size_t(kUsbMaxBytesPerCall));
+
+    LogCapture log;
+    EXPECT_FALSE(send({new UsbDBufferMem(data, 0, 10, 0, 5, 0, nullptr),
+                       new UsbDBufferMem(data, 0, 10, 0, 0x80000000u, 0, nullptr)}));
+    EXPECT_TRUE(calls.empty());
+    EXPECT_TRUE(log.contains("failed to map buffer"));
 }
 
-// The fake endpoint's call blocks until a signal ends it, like a write to a host that does not
-// read. `signalFirst`: a signal that comes just before the call is taken while signals are
-// blocked and handled before the call starts, so it ends nothing; the call then waits up to a
-// second and takes everything. Otherwise an ending signal makes the call report half of what it
-// was offered, as a call does whose first chunks went out.
+// The fake endpoint's first call blocks until SIGUSR1 reaches it, like a write to a host that
+// does not read, and then answers as `onSignal` says; later calls take everything.
+// `signalFirst`: the signal comes while the worker is not yet in its call (it is blocked there
+// until the call starts), so it ends nothing and the call takes everything after a while.
 std::atomic<bool> entered{false};
-long blockingAnswer(size_t offered, bool signalFirst)
+std::atomic<pthread_t> caller{};
+long blockingAnswer(size_t offered, bool signalFirst, long onSignal)
 {
+    // SIGUSR1 stays blocked until the wait below unblocks it atomically, so that a signal sent
+    // once `entered` is seen always ends the wait.
     sigset_t usr1;
+    sigset_t previous;
     sigemptyset(&usr1);
     sigaddset(&usr1, SIGUSR1);
-    if (signalFirst)
-        pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+    pthread_sigmask(SIG_BLOCK, &usr1, &previous);
+    caller = pthread_self();
     entered = true;
     if (signalFirst) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        pthread_sigmask(SIG_UNBLOCK, &usr1, nullptr); // the pending signal is handled here
-    }
-    const timespec limit{1, 0};
-    if (::ppoll(nullptr, 0, &limit, nullptr) == 0)
+        sigwaitinfo(&usr1, nullptr); // taken before the call: it never sees it
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        const timespec pause{0, 50 * 1000 * 1000};
+        ::ppoll(nullptr, 0, &pause, nullptr);
         return long(offered);
-    return signalFirst ? (errno = EINTR, -1L) : long(offered / 2);
+    }
+    sigset_t open = previous;
+    sigdelset(&open, SIGUSR1);
+    const timespec limit{30, 0};
+    const int woken = ::ppoll(nullptr, 0, &limit, &open);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (woken == 0)
+        return long(offered);
+    if (onSignal < 0)
+        errno = EINTR;
+    return onSignal;
 }
 
-TEST(UsbConnInterrupt, EndsTheTransferInProgressEveryTimeWithin100ms)
+// One SIGUSR1, from a client's interrupt or from anywhere else, makes a blocked write return
+// early: EINTR fails the request, a partial count is continued at the first unwritten byte,
+// and a signal that comes while no call blocks changes nothing.
+TEST(UsbConnInterrupt, TheSignalEndsOnlyTheCallItInterrupts)
 {
-    for (const bool signalFirst : {false, true}) {
-        SCOPED_TRACE(signalFirst ? "signal before the call" : "partial count");
+    struct Case {
+        const char *name;
+        bool signalFirst;
+        bool fromClient;
+        long onSignal; // what the interrupted call returns; -1: EINTR
+        bool sent;
+    };
+    const QByteArray data(int(kMiB), 'i');
+    for (const Case &c : {Case{"client interrupt, EINTR", false, true, -1, false},
+                          Case{"any other SIGUSR1, EINTR", false, false, -1, false},
+                          Case{"partial count", false, true, long(kMiB / 2), true},
+                          Case{"nothing taken", false, true, 0, true},
+                          Case{"signal before the call", true, true, 0, true}}) {
+        SCOPED_TRACE(c.name);
         UsbDataIn queue({new USBConn(fakeFd, true, nullptr)});
         std::thread worker([&queue] { queue.process(); });
         queue.setLinkType(OstrTypes::LinkTypeUsb);
@@ -245,23 +279,34 @@ TEST(UsbConnInterrupt, EndsTheTransferInProgressEveryTimeWithin100ms)
         calls.clear();
         entered = false;
         bool first = true;
-        answerHook = [&first, signalFirst](size_t offered) {
-            return std::exchange(first, false) ? blockingAnswer(offered, signalFirst) : long(offered);
+        answerHook = [&first, &c](size_t offered) {
+            return std::exchange(first, false) ? blockingAnswer(offered, c.signalFirst, c.onSignal)
+                                               : long(offered);
         };
-        const QByteArray data(int(kMiB), 'i');
+        LogCapture log;
         queue.send_data(new TestList(1, &recorder, {new UsbDBufferMem(data, 0, kMiB, 0, 0, 0, nullptr)}));
         while (!entered)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-
-        const auto start = std::chrono::steady_clock::now();
-        queue.interrupt();
+        if (c.fromClient)
+            queue.interrupt();
+        else
+            pthread_kill(caller, SIGUSR1);
         ASSERT_TRUE(recorder.waitDeleted(1));
-        const auto elapsed = std::chrono::steady_clock::now() - start;
-        EXPECT_EQ(recorder.outcome(1), Recorder::Failed);
-        EXPECT_LT(elapsed, std::chrono::milliseconds(100));
-        EXPECT_EQ(calls.size(), 1u); // nothing of the request after the interrupt
+        EXPECT_EQ(recorder.outcome(1), c.sent ? Recorder::Succeeded : Recorder::Failed);
+        if (c.sent) {
+            ASSERT_GE(calls.size(), 1u);
+            size_t offered = 0;
+            for (size_t length : calls.back().lengths)
+                offered += length;
+            const size_t taken = c.signalFirst ? kMiB : size_t(c.onSignal);
+            EXPECT_EQ(calls.size(), c.signalFirst ? 1u : 2u);
+            EXPECT_EQ(offered, kMiB - (c.signalFirst ? 0 : taken));
+        } else {
+            EXPECT_EQ(calls.size(), 1u);
+            EXPECT_TRUE(log.contains(QStringLiteral("usbconn: writev() failed: %1").arg(EINTR)));
+        }
 
-        // The next request is not touched by the interrupt of the one before.
+        // The next request is not touched by the signal of the one before.
         queue.send_data(new TestList(2, &recorder, {new UsbDBufferMem(data, 0, 10, 0, 0, 0, nullptr)}));
         ASSERT_TRUE(recorder.waitDeleted(2));
         EXPECT_EQ(recorder.outcome(2), Recorder::Succeeded);

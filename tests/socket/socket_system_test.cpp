@@ -278,12 +278,20 @@ TEST_F(SocketSystem, BadRequestsAreDroppedAndTheConnectionStaysUsable)
     ASSERT_TRUE(waitForLog("not enough data for request"));
     EXPECT_EQ(exchange(&client, good.encode()).requestId, 10u);
 
-    // Memory data past the bytes of the read.
+    // Memory data past the bytes of the read: dropped like a short read.
     Bytes pastEnd = SendRequest(12).addMemory("abc", 3).encode();
     pastEnd.resize(pastEnd.size() - 1);
     ASSERT_EQ(client.send(pastEnd), 0);
-    ASSERT_TRUE(waitForLog("malformed request"));
+    ASSERT_NO_FATAL_FAILURE(waitUntilRead(client));
     EXPECT_EQ(exchange(&client, good.encode()).requestId, 10u);
+
+    // A padding of 2 GiB or more (negative as the D-Bus interface's signed count) is refused by
+    // the transport before any byte of its request goes out; the failure is answered.
+    SendRequest hugePadding(14);
+    hugePadding.addMemory("pad", 3, 0, 0x80000000u);
+    const Response refused = exchange(&client, hugePadding.encode());
+    EXPECT_EQ(refused.requestId, 14u);
+    EXPECT_EQ(refused.status, -1);
 
     // An unknown kind is ignored without a word.
     Bytes unknownKind = SendRequest(13).addMemory("no", 2).encode();
@@ -295,7 +303,7 @@ TEST_F(SocketSystem, BadRequestsAreDroppedAndTheConnectionStaysUsable)
 
     const std::string log = readFile(kDaemonLog);
     EXPECT_EQ(countOf(log, "not enough data for request"), 1);
-    EXPECT_EQ(countOf(log, "malformed request"), 1);
+    EXPECT_EQ(countOf(log, "failed to map buffer"), 1);
     EXPECT_EQ(readFile(kCapture), "okokok");
 
     // A client that stops sending still gets the responses it waits for, then the daemon

@@ -140,8 +140,8 @@ const std::vector<Command> &commands()
          {{QStringLiteral("wait"), QChar(), QString(),
            QStringLiteral("wait until FILE holds SIZE bytes (FILE is emptied first)")},
           {QStringLiteral("time-ms"), QChar(), QStringLiteral("MS"),
-           QStringLiteral("the time_ms argument of open_file: the daemon gives up\n"
-                          "receiving MS ms after the call (default 0: no limit)")},
+           QStringLiteral("the time_ms argument of open_file (default 0); the daemon\n"
+                          "accepts it and does not use it: a receive never ends by time")},
           {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
            QStringLiteral("give up after SEC seconds without an answer or, with\n"
                           "--wait, without all the data (default 60; exit status 7)")}},
@@ -177,12 +177,13 @@ const std::vector<Command> &commands()
           timeoutOption("an answer")},
          runSocketSend},
         {QStringLiteral("interrupt"), QString(),
-         QStringLiteral("abort the transfer in progress (over the request socket)"),
+         QStringLiteral("interrupt the transfer's blocked write (over the request socket)"),
          QStringLiteral(
-             "Sends an interrupt request over the daemon's Unix socket: the transfer the daemon\n"
-             "is carrying out at that moment stops and its requester is told that it failed.\n"
-             "Requests still queued are not affected. The daemon never answers an interrupt;\n"
-             "usbdctl returns once the daemon has read it.\n"),
+             "Sends an interrupt request over the daemon's Unix socket. The daemon signals its\n"
+             "transfer thread once: a USB write blocked at that moment (a host that does not\n"
+             "read) fails and its requester is told so; a signal that finds no blocked call\n"
+             "changes nothing. Requests still queued are not affected. The daemon never answers\n"
+             "an interrupt; usbdctl returns once the daemon has read it.\n"),
          {kSocket},
          runInterrupt},
     };

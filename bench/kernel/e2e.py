@@ -49,7 +49,8 @@ def main():
     for stale in ("/tmp/usbd-socket", "/tmp/usbd-bench-minimal-socket"):
         if os.path.lexists(stale):
             os.unlink(stale)
-    env = dict(os.environ, USBD_BIN=USBD, E2E_MINIMAL_BIN=MINIMAL)
+    # The daemon logs as the shipped unit lets it: without the default category's debug lines.
+    env = dict(os.environ, USBD_BIN=USBD, E2E_MINIMAL_BIN=MINIMAL, QT_LOGGING_RULES="default.debug=false")
     env.pop("USBD_EMU_NAME", None)
     bench = subprocess.Popen([BENCH, *DEFAULTS, *sys.argv[1:]], env=env)
     reader = None

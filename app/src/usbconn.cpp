@@ -9,8 +9,8 @@
 #include <QList>
 #include <QLoggingCategory>
 
-#include "blockingcalls.h"
 #include "logging.h"
+#include "transferthread.h"
 #include "usbdbuffer.h"
 #include "usbdbufferlist.h"
 #include "zeroblock.h"
@@ -198,31 +198,30 @@ bool USBConn::sendSegments(const Segment *segments, int count, quint64 total, Co
         const bool physicalCall = call.count == 1 && physicalTransfers_ && call.physical[0] != 0;
         const char *const failed = physicalCall ? "ioctl() failed:" : "writev() failed:";
 
-        auto &calls = transferthread::calls();
-        calls.enter(BlockingCalls::kUsbInCall);
-        // Read after entering: either the flag is seen here or the thread that clears it sees
-        // this call and signals it out. A host that went away must not get bytes meant for it
-        // on the next host's connection: the write fails now as the kernel fails one that is in
-        // progress when the host goes.
-        if (!transferthread::usbInEnabled()) {
-            calls.leave();
-            qCDebug(lcUsbConn) << "the USB function is not enabled";
-            qCWarning(lcUsbConn) << failed << ESHUTDOWN;
-            return false;
-        }
         ssize_t written;
-        if (physicalCall) {
-            UsbPhysTransfer record;
-            record.physicalAddress = call.physical[0];
-            record.length = quint32(call.entries[0].iov_len);
-            written = ::ioctl(endpointFd_, kUsbPhysTransferIoctl, &record);
-        } else {
-            counts->maxEntries = qMax(counts->maxEntries, size_t(call.count));
-            counts->virtEntries += size_t(call.count);
-            written = ::writev(endpointFd_, call.entries, call.count);
+        int error;
+        {
+            const TransferThread::UsbInCall bracket(transferThread_);
+            // A host that went away must not get bytes meant for it on the next host's
+            // connection: the write fails now as the kernel fails one that is in progress when
+            // the host goes.
+            if (!bracket.allowed()) {
+                qCDebug(lcUsbConn) << "the USB function is not enabled";
+                qCWarning(lcUsbConn) << failed << ESHUTDOWN;
+                return false;
+            }
+            if (physicalCall) {
+                UsbPhysTransfer record;
+                record.physicalAddress = call.physical[0];
+                record.length = quint32(call.entries[0].iov_len);
+                written = ::ioctl(endpointFd_, kUsbPhysTransferIoctl, &record);
+            } else {
+                counts->maxEntries = qMax(counts->maxEntries, size_t(call.count));
+                counts->virtEntries += size_t(call.count);
+                written = ::writev(endpointFd_, call.entries, call.count);
+            }
+            error = errno;
         }
-        const int error = errno;
-        calls.leave();
 
         if (written < 0) {
             if (physicalCall && error == ENOTTY) {

@@ -4,6 +4,7 @@
 
 #include "conn.h"
 
+class TransferThread;
 class UsbDBuffer;
 
 // Most segments (data and padding pieces) a request may have, and most iovec entries per call.
@@ -34,6 +35,10 @@ class USBConn : public Conn {
 public:
     USBConn(int endpointFd, bool physicalTransfers, QObject *parent);
 
+    // Where the transfer thread learns whether the USB function can carry data; without it,
+    // every call is made.
+    void setTransferThread(TransferThread *thread) { transferThread_ = thread; }
+
     bool supportsLinkType(OstrTypes::E_LinkType type) override;
     bool start() override;
     bool stop() override;
@@ -60,6 +65,7 @@ private:
     bool sendSegments(const Segment *segments, int count, quint64 total, Counts *counts);
 
     int endpointFd_;
+    TransferThread *transferThread_ = nullptr;
     // Cleared for good when the endpoint driver turns out to lack the physical-address request.
     bool physicalTransfers_;
     // Most bytes per call; lowered for good when the endpoint cannot take a call of this size.

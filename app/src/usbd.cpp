@@ -56,12 +56,13 @@ UsbD::UsbD(QObject *parent) : QObject(parent)
 
     const usbd::functionfs::DescriptorsBlob descriptors = usbd::functionfs::descriptorsBlob();
 
-    ep0_ = ::open(usbd::kFfsEp0Path, O_RDWR);
-    if (ep0_ < 0)
+    ep0_.reset(::open(usbd::kFfsEp0Path, O_RDWR));
+    if (!ep0_)
         qCDebug(lcUsbd) << "failed to open ep0";
 
     // The monitor waits on ep0 before the blobs are written, so that no early event is missed.
-    ep0Monitor_ = new UsbEp0(ep0_, nullptr);
+    ep0Monitor_ = new UsbEp0(ep0_.get(), nullptr);
+    ep0Monitor_->setTransferThread(&transferThread_);
     QThread *ep0Thread = startWorkerThread(ep0Monitor_, &UsbEp0::process, nullptr);
     connect(ep0Monitor_, &UsbEp0::usb_linkChanged, this, &UsbD::usbLinkChanged);
     ep0Thread->start();
@@ -83,21 +84,24 @@ UsbD::UsbD(QObject *parent) : QObject(parent)
         Qt::DirectConnection);
     speedThread->start();
 
-    if (::write(ep0_, descriptors.data(), descriptors.size()) != ssize_t(descriptors.size()))
+    if (::write(ep0_.get(), descriptors.data(), descriptors.size()) != ssize_t(descriptors.size()))
         qCDebug(lcUsbd) << "writing descriptors failed";
     const usbd::functionfs::StringsBlob &strings = usbd::functionfs::stringsBlob();
-    if (::write(ep0_, strings.data(), strings.size()) != ssize_t(strings.size()))
+    if (::write(ep0_.get(), strings.data(), strings.size()) != ssize_t(strings.size()))
         qCDebug(lcUsbd) << "writing strings failed";
 
-    ep1_ = ::open(usbd::kFfsEp1Path, O_RDWR);
-    ep3_ = ::open(usbd::kFfsEp3Path, O_RDWR | O_CLOEXEC);
+    ep1_.reset(::open(usbd::kFfsEp1Path, O_RDWR));
+    ep3_.reset(::open(usbd::kFfsEp3Path, O_RDWR | O_CLOEXEC));
 
     const int halResult = arvo_hal_initialize(kIonDeviceTable);
     if (halResult != 0)
         qFatal("arvo_hal_initialize: %d\n", halResult);
 
-    const QList<Conn *> connections{new IOSConn(nullptr), new USBConn(ep3_, true, nullptr)};
+    auto *usbConn = new USBConn(ep3_.get(), true, nullptr);
+    usbConn->setTransferThread(&transferThread_);
+    const QList<Conn *> connections{new IOSConn(nullptr), usbConn};
     dataIn_ = new UsbDataIn(connections);
+    dataIn_->setTransferThread(&transferThread_);
     QThread *transferThread = startWorkerThread(dataIn_, &UsbDataIn::process, nullptr);
     connect(this, &UsbD::linkTypeChanged, dataIn_, &UsbDataIn::setLinkType, Qt::DirectConnection);
     transferThread->start();
@@ -129,11 +133,16 @@ OstrTypes::E_LinkType UsbD::linkType() const
     // property read and link change, so ask first.
     if (QLoggingCategory::defaultCategory()->isDebugEnabled())
         qDebug("usbd: connection changed: usb %d, ios %d", usbConnected_ ? 1 : 0, iosState_);
-    if (iosState_ == IOSConnStateWatcher::MfiState)
+    return linkTypeFor(usbConnected_, iosState_);
+}
+
+OstrTypes::E_LinkType UsbD::linkTypeFor(bool usbConnected, int iosState)
+{
+    if (iosState == IOSConnStateWatcher::MfiState)
         return OstrTypes::LinkTypeMfi;
-    if (usbConnected_)
+    if (usbConnected)
         return OstrTypes::LinkTypeUsb;
-    if (iosState_ == IOSConnStateWatcher::WifiState)
+    if (iosState == IOSConnStateWatcher::WifiState)
         return OstrTypes::LinkTypeWifi;
     return OstrTypes::LinkTypeNone;
 }
@@ -164,7 +173,7 @@ void UsbD::setUsbSuperSpeed(bool superSpeed)
 
 void UsbD::open_file(const QString &file_name, int size)
 {
-    auto *worker = new usbd_worker(ep1_, file_name, size, nullptr);
+    auto *worker = new usbd_worker(ep1_.get(), file_name, size, nullptr);
     auto *thread = new QThread(nullptr);
     worker->moveToThread(thread);
     connect(thread, &QThread::started, worker, &usbd_worker::process);

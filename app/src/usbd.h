@@ -7,8 +7,10 @@
 #include <QVariantMap>
 
 #include <ostr/OstrTypes.h>
+#include <usbd/unique_fd.h>
 
 #include "iosconnstatewatcher.h"
+#include "transferthread.h"
 
 class UsbEp0;
 class UsbSpeedReader;
@@ -27,6 +29,8 @@ public:
     UsbDataIn *dataIn() const { return dataIn_; }
 
     OstrTypes::E_LinkType linkType() const;
+    // The link type for the two inputs: MFi wins over the USB function, which wins over Wi-Fi.
+    static OstrTypes::E_LinkType linkTypeFor(bool usbConnected, int iosState);
     bool usbSuperSpeed() const { return usbSuperSpeed_; }
 
     void send_data(const QByteArray &usb_data, uchar usb_data_len, const QDBusMessage &msg);
@@ -45,9 +49,14 @@ public slots:
     void setUsbSuperSpeed(bool superSpeed);
 
 private:
-    int ep0_ = 0;
-    int ep1_ = 0;
-    int ep3_ = 0;
+    // The function's endpoint files: control, bulk OUT (receives), bulk IN (sends). A file that
+    // cannot be opened is handed on as a negative descriptor, whose calls then fail.
+    usbd::UniqueFd ep0_;
+    usbd::UniqueFd ep1_;
+    usbd::UniqueFd ep3_;
+    // How the control endpoint's monitor, the socket's interrupt and the USB transport reach
+    // the transfer thread.
+    TransferThread transferThread_;
     UsbEp0 *ep0Monitor_ = nullptr;
     IOSConnStateWatcher *iosWatcher_ = nullptr;
     UsbSpeedReader *speedReader_ = nullptr;

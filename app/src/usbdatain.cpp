@@ -3,8 +3,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <signal.h>
-
 #include <cerrno>
 #include <condition_variable>
 #include <memory>
@@ -14,9 +12,9 @@
 #include <QDebug>
 #include <QFile>
 
-#include "blockingcalls.h"
 #include "conn.h"
 #include "logging.h"
+#include "transferthread.h"
 #include "usbdbufferlist.h"
 
 namespace {
@@ -79,8 +77,6 @@ ReceiveTurns receiveTurns;
 
 UsbDataIn::UsbDataIn(const QList<Conn *> &connections) : connections_(connections)
 {
-    pthread_mutex_init(&lock_, nullptr);
-    pthread_cond_init(&condition_, nullptr);
     for (Conn *connection : qAsConst(connections_))
         connection->start();
 }
@@ -92,9 +88,8 @@ UsbDataIn::~UsbDataIn()
         delete connection;
     }
     // Requests still waiting get no answer, but they are not leaked.
+    usbd::PosixMutexLock lock(lock_);
     qDeleteAll(queue_);
-    pthread_cond_destroy(&condition_);
-    pthread_mutex_destroy(&lock_);
 }
 
 bool UsbDataIn::send_data(UsbDBufferList *buffers)
@@ -103,24 +98,23 @@ bool UsbDataIn::send_data(UsbDBufferList *buffers)
         qCDebug(lcUsbd) << "send_data: no request";
         return true;
     }
-    pthread_mutex_lock(&lock_);
+    usbd::PosixMutexLock lock(lock_);
     pending_ = true;
     queue_.append(buffers);
-    pthread_cond_signal(&condition_);
-    pthread_mutex_unlock(&lock_);
+    condition_.signal();
     return true;
 }
 
 void UsbDataIn::setLinkType(OstrTypes::E_LinkType linkType)
 {
     QList<UsbDBufferList *> dropped;
-    pthread_mutex_lock(&lock_);
-    if (linkType_ != quint8(linkType)) {
+    {
+        usbd::PosixMutexLock lock(lock_);
+        if (linkType_ == quint8(linkType))
+            return;
         linkType_ = quint8(linkType);
         dropped.swap(queue_);
     }
-    pthread_mutex_unlock(&lock_);
-
     // Requests made for the old link are not sent on the new one, and they get no answer. They
     // are released here, outside the lock, so that producers are not held up by munmap() and
     // friends.
@@ -131,67 +125,65 @@ void UsbDataIn::setLinkType(OstrTypes::E_LinkType linkType)
 
 void UsbDataIn::interrupt()
 {
-    if (transferThreadRecorded_.load(std::memory_order_acquire))
-        pthread_kill(transferThread_, SIGUSR1);
+    if (transferThread_ != nullptr)
+        transferThread_->interrupt();
 }
 
 void UsbDataIn::quit()
 {
-    pthread_mutex_lock(&lock_);
+    usbd::PosixMutexLock lock(lock_);
     quitting_ = true;
-    pthread_cond_signal(&condition_);
-    pthread_mutex_unlock(&lock_);
+    condition_.signal();
 }
 
 void UsbDataIn::process()
 {
-    // attach() installs the do-nothing SIGUSR1 handler (without SA_RESTART) before anyone can
-    // learn this thread's id: the signal's default action would end the process.
-    transferthread::calls().attach();
-    transferThread_ = pthread_self();
-    transferThreadRecorded_.store(true, std::memory_order_release);
+    if (transferThread_ != nullptr)
+        transferThread_->attach();
 
-    pthread_mutex_lock(&lock_);
+    usbd::PosixMutexLock lock(lock_);
     while (!quitting_) {
         while (!pending_ && !quitting_)
-            pthread_cond_wait(&condition_, &lock_);
+            condition_.wait(lock_);
         pending_ = false;
 
         while (!queue_.isEmpty() && !quitting_) {
             UsbDBufferList *request = queue_.takeFirst();
             const auto linkType = OstrTypes::E_LinkType(linkType_);
-            pthread_mutex_unlock(&lock_);
-
-            timespec start;
-            clock_gettime(CLOCK_MONOTONIC, &start);
-            bool sent = false;
-            for (Conn *connection : qAsConst(connections_)) {
-                if (connection->supportsLinkType(linkType) && connection->transfer(request)) {
-                    sent = true;
-                    break;
-                }
-            }
-            if (sent) {
-                timespec end;
-                clock_gettime(CLOCK_MONOTONIC, &end);
-                const long elapsedMs = long(end.tv_sec - start.tv_sec) * 1000
-                                       + long(end.tv_nsec - start.tv_nsec) / 1000000;
-                qWarning("transfer time: %ldms", elapsedMs);
-                request->success();
-            } else {
-                request->fail();
-            }
-            // Deleted outside the lock: unmapping a large file can take a while, and nobody but
-            // this thread can reach the request any more.
-            delete request;
-
-            pthread_mutex_lock(&lock_);
+            lock.unlock();
+            transfer(request, linkType);
+            lock.lock();
         }
     }
-    pthread_mutex_unlock(&lock_);
+    lock.unlock();
 
-    transferThreadRecorded_.store(false, std::memory_order_release);
-    transferthread::calls().detach();
+    if (transferThread_ != nullptr)
+        transferThread_->detach();
+}
+
+void UsbDataIn::transfer(UsbDBufferList *request, OstrTypes::E_LinkType linkType)
+{
+    // Deleted when done, outside the lock: unmapping a large file can take a while, and nobody
+    // but this thread can reach the request any more.
+    const std::unique_ptr<UsbDBufferList> owned(request);
+    timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    bool sent = false;
+    for (Conn *connection : qAsConst(connections_)) {
+        if (connection->supportsLinkType(linkType) && connection->transfer(request)) {
+            sent = true;
+            break;
+        }
+    }
+    if (!sent) {
+        request->fail();
+        return;
+    }
+    timespec end;
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    const long elapsedMs = long(end.tv_sec - start.tv_sec) * 1000 + long(end.tv_nsec - start.tv_nsec) / 1000000;
+    qWarning("transfer time: %ldms", elapsedMs);
+    request->success();
 }
 
 usbd_worker::usbd_worker(int descriptor, const QString &path, int size, QObject *parent)

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <pthread.h>
-
-#include <atomic>
 #include <cstdint>
 
 #include <QList>
@@ -11,7 +8,10 @@
 
 #include <ostr/OstrTypes.h>
 
+#include "threadsafety.h"
+
 class Conn;
+class TransferThread;
 class UsbDBufferList;
 
 // The single FIFO of transfer requests and its worker loop. Producers on any thread call
@@ -22,6 +22,10 @@ class UsbDataIn : public QObject {
 public:
     explicit UsbDataIn(const QList<Conn *> &connections);
     ~UsbDataIn() override;
+
+    // The transfer thread's handle for the other threads; process() records its thread there.
+    // Set before process() starts; without it, interrupt() does nothing.
+    void setTransferThread(TransferThread *thread) { transferThread_ = thread; }
 
     // Sends one SIGUSR1 to the transfer thread, without a lock: a blocking transport call that
     // it is making returns early with EINTR, and the transport decides what that means for the
@@ -40,17 +44,21 @@ public slots:
     void setLinkType(OstrTypes::E_LinkType linkType);
 
 private:
-    quint8 linkType_ = 0;
+    // Sends one request over the first transport that serves `linkType` and takes it, then
+    // completes it (unlocked: a completion may write to a socket or the bus).
+    void transfer(UsbDBufferList *request, OstrTypes::E_LinkType linkType);
+
+    // Guards the queue, its wake-up flag and the link type; never held during a transfer or a
+    // completion. The main and socket threads produce, the transfer thread consumes.
+    usbd::PosixMutex lock_;
+    usbd::PosixCondition condition_;
+    quint8 linkType_ GUARDED_BY(lock_) = 0;
+    QList<UsbDBufferList *> queue_ GUARDED_BY(lock_);
+    bool pending_ GUARDED_BY(lock_) = false;
+    bool quitting_ GUARDED_BY(lock_) = false;
+    // Only the transfer thread uses the transports once process() runs.
     QList<Conn *> connections_;
-    QList<UsbDBufferList *> queue_;
-    bool pending_ = false;
-    bool quitting_ = false;
-    pthread_mutex_t lock_;
-    pthread_cond_t condition_;
-    // The transfer thread, written once by that thread before it waits for work; set before
-    // the flag is, so that whoever sees the flag sees the id.
-    pthread_t transferThread_{};
-    std::atomic<bool> transferThreadRecorded_{false};
+    TransferThread *transferThread_ = nullptr;
 };
 
 // Receives one file from the host over the bulk OUT endpoint, for the D-Bus method open_file.

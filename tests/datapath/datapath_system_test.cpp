@@ -14,6 +14,7 @@
 #include "datapath_fakes.h"
 #include "ffs_function.h"
 #include "usbconn.h"
+#include "transferthread.h"
 #include "usbdatain.h"
 
 namespace {
@@ -66,8 +67,10 @@ protected:
         ASSERT_TRUE(usbdtest::emuctl(std::string("capture ") + kCapture));
         ASSERT_TRUE(usbdtest::emuctl("plug"));
         // The daemon's transfer queue over the real endpoint, with its worker running.
-        queue_ = std::make_unique<UsbDataIn>(
-            QList<Conn *>{new USBConn(function_.ep3.get(), true, nullptr)});
+        auto *usb = new USBConn(function_.ep3.get(), true, nullptr);
+        usb->setTransferThread(&transferThread_);
+        queue_ = std::make_unique<UsbDataIn>(QList<Conn *>{usb});
+        queue_->setTransferThread(&transferThread_);
         worker_ = std::thread([this] { queue_->process(); });
     }
 
@@ -85,6 +88,7 @@ protected:
     }
 
     usbdtest::FfsFunction function_;
+    TransferThread transferThread_;
     std::unique_ptr<UsbDataIn> queue_;
     std::thread worker_;
     Recorder recorder_;

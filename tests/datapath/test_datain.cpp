@@ -12,6 +12,7 @@
 
 #include "conn.h"
 #include "datapath_fakes.h"
+#include "transferthread.h"
 #include "usbdatain.h"
 
 namespace {
@@ -42,12 +43,15 @@ private:
     bool result_;
 };
 
-// Runs first in this binary: with no worker recorded, nothing may be signalled (SIGUSR1's
-// default action would end the test process).
+// With no worker recorded, nothing may be signalled: SIGUSR1's default action would end the
+// process. (pthread_kill to a thread of this process is delivered before it returns.)
 TEST(TransferQueue, InterruptBeforeTheWorkerStartsSignalsNothing)
 {
     UsbDataIn(QList<Conn *>()).interrupt();
-    std::this_thread::sleep_for(20ms);
+    TransferThread transferThread;
+    UsbDataIn queue({});
+    queue.setTransferThread(&transferThread);
+    queue.interrupt();
 }
 
 TEST(TransferQueue, LinkTypeChoosesTheTransportAndProducersKeepTheirOrder)
@@ -95,6 +99,27 @@ TEST(TransferQueue, LinkTypeChoosesTheTransportAndProducersKeepTheirOrder)
     EXPECT_EQ(next[1], 10000 + kEach);
     EXPECT_EQ(ios->transfers, 1);
     EXPECT_EQ(log.messages().filter("transfer time: ").size(), 2 * kEach);
+}
+
+// Requests waiting when the link type changes are dropped unanswered (and released); the same
+// link type again leaves them where they are.
+TEST(TransferQueue, OnlyAChangeOfLinkTypeDropsTheWaitingRequests)
+{
+    UsbDataIn queue({new TestConn({1}, true)});
+    Recorder recorder;
+    queue.send_data(new TestList(1, &recorder));
+    queue.setLinkType(OstrTypes::LinkTypeUsb);
+    EXPECT_TRUE(recorder.wasDeleted(1));
+    EXPECT_EQ(recorder.outcome(1), Recorder::None);
+
+    queue.send_data(new TestList(2, &recorder));
+    queue.setLinkType(OstrTypes::LinkTypeUsb);
+    EXPECT_FALSE(recorder.wasDeleted(2));
+    std::thread worker([&queue] { queue.process(); });
+    ASSERT_TRUE(recorder.waitDeleted(2));
+    EXPECT_EQ(recorder.outcome(2), Recorder::Succeeded);
+    queue.quit();
+    worker.join();
 }
 
 TEST(FileReceive, NegativeSizeUnwritableFileAndOverlappingReceives)

@@ -17,6 +17,7 @@
 
 #include "datapath_fakes.h"
 #include "iosconn.h"
+#include "transferthread.h"
 #include "usbdatain.h"
 
 namespace {
@@ -168,7 +169,9 @@ int waitForSignal()
 // like any other and is sent again after the retry wait; a file record fails the request.
 TEST(IosConnFrames, InterruptedFrameIsRetriedAndInterruptedRecordFails)
 {
+    TransferThread transferThread;
     UsbDataIn queue({new IOSConn(nullptr)});
+    queue.setTransferThread(&transferThread);
     std::thread worker([&queue] { queue.process(); });
     queue.setLinkType(OstrTypes::LinkTypeMfi);
     Recorder recorder;

@@ -21,6 +21,7 @@
 #include "usbdatain.h"
 
 #include "datapath_fakes.h"
+#include "transferthread.h"
 #include "usbconn.h"
 
 namespace {
@@ -272,7 +273,11 @@ TEST(UsbConnInterrupt, TheSignalEndsOnlyTheCallItInterrupts)
                           Case{"nothing taken", false, true, 0, true},
                           Case{"signal before the call", true, true, 0, true}}) {
         SCOPED_TRACE(c.name);
-        UsbDataIn queue({new USBConn(fakeFd, true, nullptr)});
+        TransferThread transferThread;
+        auto *usb = new USBConn(fakeFd, true, nullptr);
+        usb->setTransferThread(&transferThread);
+        UsbDataIn queue({usb});
+        queue.setTransferThread(&transferThread);
         std::thread worker([&queue] { queue.process(); });
         queue.setLinkType(OstrTypes::LinkTypeUsb);
         Recorder recorder;

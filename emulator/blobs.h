@@ -10,25 +10,25 @@
 #include <string>
 #include <vector>
 
+#include <linux/usb/functionfs.h>
+
 namespace usbdemu {
 
-// FunctionFS blob constants (linux/usb/functionfs.h), kept here so that the parser does not
-// depend on the build host's kernel headers.
-constexpr uint32_t kDescriptorsMagic = 1;
-constexpr uint32_t kStringsMagic = 2;
-constexpr uint32_t kDescriptorsMagicV2 = 3;
+// The blobs' magics and flags, as the kernel defines them.
+constexpr uint32_t kDescriptorsMagic = FUNCTIONFS_DESCRIPTORS_MAGIC;
+constexpr uint32_t kStringsMagic = FUNCTIONFS_STRINGS_MAGIC;
+constexpr uint32_t kDescriptorsMagicV2 = FUNCTIONFS_DESCRIPTORS_MAGIC_V2;
 
-enum DescriptorFlags : uint32_t {
-    kHasFsDesc = 1,
-    kHasHsDesc = 2,
-    kHasSsDesc = 4,
-    kHasMsOsDesc = 8,
-    kVirtualAddr = 16,
-    kEventFd = 32,
-    kAllCtrlRecip = 64,
-    kConfig0Setup = 128,
-};
-constexpr uint32_t kKnownDescriptorFlags = 0xff;
+constexpr uint32_t kHasFsDesc = FUNCTIONFS_HAS_FS_DESC;
+constexpr uint32_t kHasHsDesc = FUNCTIONFS_HAS_HS_DESC;
+constexpr uint32_t kHasSsDesc = FUNCTIONFS_HAS_SS_DESC;
+constexpr uint32_t kHasMsOsDesc = FUNCTIONFS_HAS_MS_OS_DESC;
+constexpr uint32_t kEventFd = FUNCTIONFS_EVENTFD;
+// The flags the parser knows; like the kernel, it refuses others with ENOSYS.
+constexpr uint32_t kKnownDescriptorFlags = FUNCTIONFS_HAS_FS_DESC | FUNCTIONFS_HAS_HS_DESC |
+                                           FUNCTIONFS_HAS_SS_DESC | FUNCTIONFS_HAS_MS_OS_DESC |
+                                           FUNCTIONFS_VIRTUAL_ADDR | FUNCTIONFS_EVENTFD |
+                                           FUNCTIONFS_ALL_CTRL_RECIP | FUNCTIONFS_CONFIG0_SETUP;
 
 // The smallest write ep0 takes as a blob: the kernel refuses anything shorter up front.
 constexpr size_t kMinBlobLength = 16;

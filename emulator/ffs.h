@@ -31,20 +31,20 @@
 
 namespace usbdemu {
 
-// Function event types as ep0 reports them.
+// Function event types as ep0 reports them (the kernel's enum usb_functionfs_event_type).
 enum EventType : uint8_t {
-    kEventBind = 0,
-    kEventUnbind = 1,
-    kEventEnable = 2,
-    kEventDisable = 3,
-    kEventSetup = 4,
-    kEventSuspend = 5,
-    kEventResume = 6,
+    kEventBind = FUNCTIONFS_BIND,
+    kEventUnbind = FUNCTIONFS_UNBIND,
+    kEventEnable = FUNCTIONFS_ENABLE,
+    kEventDisable = FUNCTIONFS_DISABLE,
+    kEventSetup = FUNCTIONFS_SETUP,
+    kEventSuspend = FUNCTIONFS_SUSPEND,
+    kEventResume = FUNCTIONFS_RESUME,
 };
 const char *eventName(uint8_t type); // "bind", ..., or nullptr for a number without a name
 bool parseEventType(const std::string &text, uint8_t &type);
 
-constexpr size_t kEventRecordSize = 12;
+constexpr size_t kEventRecordSize = sizeof(usb_functionfs_event);
 // Bounds what the control side can pile up in the emulator's memory.
 constexpr size_t kMaxQueuedEvents = 64;
 constexpr size_t kMaxOutQueueBytes = 256u << 20;

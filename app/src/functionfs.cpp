@@ -2,20 +2,20 @@
 
 #include <cstring>
 
+#include <linux/usb/ch9.h>
+#include <linux/usb/functionfs.h>
+
 namespace usbd::functionfs {
 
 namespace {
 
-constexpr uint32_t kDescriptorsMagicV2 = 3; // FUNCTIONFS_DESCRIPTORS_MAGIC_V2
-constexpr uint32_t kStringsMagic = 2;       // FUNCTIONFS_STRINGS_MAGIC
-constexpr uint32_t kHasFsDesc = 1;
-constexpr uint32_t kHasHsDesc = 2;
-constexpr uint32_t kHasSsDesc = 4;
-
-// Endpoint descriptors carry the 9-byte (audio-style) length with bRefresh and bSynchAddress.
-#define USBD_INTERFACE(iInterface) 9, 0x04, 0, 0, 4, 0xFF, 0, 0, iInterface
-#define USBD_ENDPOINT(address, packetLo, packetHi) 9, 0x05, address, 0x02, packetLo, packetHi, 0, 0, 0
-#define USBD_SS_COMPANION(maxBurst) 6, 0x30, maxBurst, 0, 0, 0
+// Interface: vendor specific, four endpoints, string iInterface (0: none).
+#define USBD_INTERFACE(iInterface) \
+    USB_DT_INTERFACE_SIZE, USB_DT_INTERFACE, 0, 0, 4, USB_CLASS_VENDOR_SPEC, 0, 0, iInterface
+// Bulk endpoint with the 9-byte (audio-style) length that carries bRefresh and bSynchAddress.
+#define USBD_ENDPOINT(address, packetLo, packetHi) \
+    USB_DT_ENDPOINT_AUDIO_SIZE, USB_DT_ENDPOINT, address, USB_ENDPOINT_XFER_BULK, packetLo, packetHi, 0, 0, 0
+#define USBD_SS_COMPANION(maxBurst) USB_DT_SS_EP_COMP_SIZE, USB_DT_SS_ENDPOINT_COMP, maxBurst, 0, 0, 0
 
 constexpr uint8_t kFullSpeed[] = {
     USBD_INTERFACE(1),
@@ -43,12 +43,11 @@ constexpr uint8_t kSuperSpeed[] = {
 constexpr uint32_t kFsCount = 5;
 constexpr uint32_t kHsCount = 5;
 constexpr uint32_t kSsCount = 9;
-constexpr size_t kHeaderSize = 24;
 
 static_assert(sizeof(kFullSpeed) == 45 && sizeof(kHighSpeed) == 45 && sizeof(kSuperSpeed) == 69,
               "descriptor set sizes");
-static_assert(kHeaderSize + sizeof(kFullSpeed) + sizeof(kHighSpeed) + sizeof(kSuperSpeed) ==
-                  kDescriptorsBlobSize,
+static_assert(sizeof(usb_functionfs_descs_head_v2) + 3 * sizeof(uint32_t) + sizeof(kFullSpeed) +
+                      sizeof(kHighSpeed) + sizeof(kSuperSpeed) == kDescriptorsBlobSize,
               "descriptors blob size");
 
 void putLe32(uint8_t *at, uint32_t value)
@@ -60,27 +59,27 @@ void putLe32(uint8_t *at, uint32_t value)
 }
 
 constexpr StringsBlob kStrings = {
-    2, 0, 0, 0,    // FUNCTIONFS_STRINGS_MAGIC
-    33, 0, 0, 0,   // length
+    FUNCTIONFS_STRINGS_MAGIC, 0, 0, 0,
+    kStringsBlobSize, 0, 0, 0,
     1, 0, 0, 0,    // strings per language
     1, 0, 0, 0,    // languages
     0x09, 0x04,    // en-US
     'C', 'T', 'R', 'L', ' ', 'I', 'n', 't', 'e', 'r', 'f', 'a', 'c', 'e', 0,
 };
-static_assert(kStringsMagic == 2, "strings magic");
 
 } // namespace
 
 DescriptorsBlob descriptorsBlob()
 {
+    // The v2 header, then one count per speed that has a set, then the sets.
     DescriptorsBlob blob{};
-    putLe32(&blob[0], kDescriptorsMagicV2);
+    putLe32(&blob[0], FUNCTIONFS_DESCRIPTORS_MAGIC_V2);
     putLe32(&blob[4], uint32_t(kDescriptorsBlobSize));
-    putLe32(&blob[8], kHasFsDesc | kHasHsDesc | kHasSsDesc);
+    putLe32(&blob[8], FUNCTIONFS_HAS_FS_DESC | FUNCTIONFS_HAS_HS_DESC | FUNCTIONFS_HAS_SS_DESC);
     putLe32(&blob[12], kFsCount);
     putLe32(&blob[16], kHsCount);
     putLe32(&blob[20], kSsCount);
-    size_t at = kHeaderSize;
+    size_t at = 24;
     memcpy(&blob[at], kFullSpeed, sizeof(kFullSpeed));
     at += sizeof(kFullSpeed);
     memcpy(&blob[at], kHighSpeed, sizeof(kHighSpeed));

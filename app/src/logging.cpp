@@ -1,6 +1,7 @@
 #include "logging.h"
 
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -20,17 +21,17 @@ int journalPriority(QtMsgType type)
 {
     switch (type) {
     case QtDebugMsg:
-        return 7; // LOG_DEBUG
+        return LOG_DEBUG;
     case QtInfoMsg:
-        return 6; // LOG_INFO
+        return LOG_INFO;
     case QtWarningMsg:
-        return 4; // LOG_WARNING
+        return LOG_WARNING;
     case QtCriticalMsg:
-        return 3; // LOG_ERR
+        return LOG_ERR;
     case QtFatalMsg:
-        return 2; // LOG_CRIT
+        return LOG_CRIT;
     }
-    return 4;
+    return LOG_WARNING;
 }
 
 void journalHandler(QtMsgType type, const QMessageLogContext &context, const QString &message)

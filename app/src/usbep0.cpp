@@ -8,34 +8,20 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <linux/usb/functionfs.h>
 
 #include <usbd/unique_fd.h>
 
-#include "blockingcalls.h"
 #include "controller.h"
 #include "logging.h"
 #include "paths.h"
+#include "transferthread.h"
 
 namespace {
 
 constexpr int kMaxEvents = 32;
-constexpr size_t kEventSize = 12;     // struct usb_functionfs_event
-constexpr size_t kEventTypeOffset = 8;
 constexpr size_t kReadLimit = 1024;
-
-enum EventType : quint8 {
-    kBind = 0,
-    kUnbind = 1,
-    kEnable = 2,
-    kDisable = 3,
-};
-
-// The kernel's event types map to the link as the function's host sees it; UNBIND counts as up
-// and BIND as down.
-bool linkForEvent(quint8 type)
-{
-    return type == kUnbind || type == kEnable;
-}
+static_assert(sizeof(usb_functionfs_event) == 12, "ep0 hands out 12-byte event records");
 
 // Reads at most kReadLimit - 1 bytes of a sysfs/configfs attribute; returns the byte count (0
 // when it cannot be opened or read). The text is always terminated within what was read.
@@ -53,6 +39,25 @@ size_t readAttribute(const QByteArray &path, char (&buffer)[kReadLimit])
 }
 
 } // namespace
+
+Ep0EventFilter::Ep0EventFilter() : lastType_(FUNCTIONFS_DISABLE) {}
+
+int Ep0EventFilter::accept(quint8 type)
+{
+    if (type == lastType_)
+        return -1;
+    lastType_ = type;
+    switch (type) {
+    case FUNCTIONFS_BIND:
+    case FUNCTIONFS_DISABLE:
+        return 0;
+    case FUNCTIONFS_UNBIND:
+    case FUNCTIONFS_ENABLE:
+        return 1;
+    default:
+        return -1;
+    }
+}
 
 UsbEp0::UsbEp0(int ep0Descriptor, QObject *parent) : QObject(parent), ep0_(ep0Descriptor) {}
 
@@ -79,8 +84,7 @@ void UsbEp0::process()
         return;
     }
 
-    // A first DISABLE after start-up says nothing new: the link starts down.
-    quint8 lastType = kDisable;
+    Ep0EventFilter filter;
     epoll_event events[kMaxEvents];
     for (;;) {
         const int count = ::epoll_wait(epoll.get(), events, kMaxEvents, -1);
@@ -88,32 +92,29 @@ void UsbEp0::process()
             if (events[i].data.fd != ep0_ || !(events[i].events & EPOLLIN))
                 continue;
             // One record per read; further queued events make epoll report ep0 again.
-            quint8 record[kEventSize];
-            const ssize_t n = ::read(ep0_, record, sizeof(record));
-            if (n != ssize_t(kEventSize)) {
+            usb_functionfs_event event;
+            const ssize_t n = ::read(ep0_, &event, sizeof event);
+            if (n != ssize_t(sizeof event)) {
                 qCDebug(lcUsbd) << "failed to read from ep0";
                 continue;
             }
-            const quint8 type = record[kEventTypeOffset];
-            if (type == lastType)
-                continue;
-            lastType = type;
-            if (type > kDisable)
-                continue;
-            handleEvent(type);
+            const int link = filter.accept(event.type);
+            if (link >= 0)
+                handleEvent(event.type, link != 0);
         }
     }
 }
 
-void UsbEp0::handleEvent(quint8 type)
+void UsbEp0::handleEvent(quint8 type, bool link)
 {
     // First of all, before the link type can follow: only ENABLE means a host reads the bulk IN
     // endpoint. After any other event a write there would wait for whichever host comes next and
     // hand it bytes meant for this one, so the write in progress is ended and later ones fail
     // at once until the host enables the function again.
-    transferthread::setUsbInEnabled(type == kEnable);
+    if (transferThread_ != nullptr)
+        transferThread_->setUsbInEnabled(type == FUNCTIONFS_ENABLE);
 
-    link_ = linkForEvent(type);
+    link_ = link;
 
     const QByteArray controller = usbd::firstControllerDir();
     if (controller.isEmpty()) {

@@ -75,14 +75,17 @@ void UsbSpeedReader::updateUsbSpeed()
         return;
     }
 
+    setSuperSpeed(namesSuperSpeed(text, size_t(n)));
+}
+
+bool UsbSpeedReader::namesSuperSpeed(const char *text, size_t length)
+{
     for (const SpeedName &row : kSpeedNames) {
-        const size_t length = strlen(row.name);
-        if (size_t(n) >= length && memcmp(text, row.name, length) == 0) {
-            setSuperSpeed(row.speed == kSuperSpeed);
-            return;
-        }
+        const size_t nameLength = strlen(row.name);
+        if (length >= nameLength && memcmp(text, row.name, nameLength) == 0)
+            return row.speed == kSuperSpeed;
     }
-    setSuperSpeed(false);
+    return false;
 }
 
 void UsbSpeedReader::setSuperSpeed(bool value)

@@ -14,6 +14,10 @@ public:
     void updateUsbSpeed();
     void setSuperSpeed(bool value);
 
+    // Whether the controller's "current_speed" text names super speed: the first speed name the
+    // text begins with decides (super speed plus begins with "super-speed" too).
+    static bool namesSuperSpeed(const char *text, size_t length);
+
 signals:
     void superSpeedChanged(bool);
 

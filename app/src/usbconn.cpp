@@ -184,6 +184,33 @@ bool USBConn::mapSegments(const QList<UsbDBuffer *> &buffers, Segment *segments,
     return true;
 }
 
+// What a stock FunctionFS or a controller without scatter-gather answers where the platform's
+// driver would take the call; true when the same bytes can go again another way, from now on.
+bool USBConn::adaptToEndpoint(int error, bool physicalCall, quint64 callLength)
+{
+    if (physicalCall && error == ENOTTY) {
+        // The endpoint driver has no physical-address request (a stock FunctionFS): the bytes go
+        // through writev from the mapping. Found out here rather than by a probe at start-up:
+        // the only probe is a real request, which before a host enables the function would
+        // block, and afterwards would send bytes nobody asked for.
+        qCWarning(lcUsbConn) << "ioctl() failed:" << error;
+        qCDebug(lcUsbConn) << "no physical-address request on this endpoint: sending by virtual"
+                              " address from now on";
+        physicalTransfers_ = false;
+        return true;
+    }
+    if (error == ENOMEM && callLength > kUsbMinBytesPerCall) {
+        // The driver copies each call into one contiguous kernel buffer, and not every
+        // controller gets one of this size: smaller calls, kept for later requests.
+        callLimit_ = qMax<quint64>(kUsbMinBytesPerCall, callLength / 2);
+        qCDebug(lcUsbConn) << (physicalCall ? "ioctl()" : "writev()") << "of" << callLength
+                           << "bytes failed with ENOMEM; calls of at most" << callLimit_
+                           << "bytes from now on";
+        return true;
+    }
+    return false;
+}
+
 // The send loop: calls of at most callLimit_ bytes and 32 entries; a single entry with a
 // physical address goes to the driver's physical-address request, everything else to writev.
 // A call that takes fewer bytes than offered (none at all included) is followed by one that
@@ -224,27 +251,8 @@ bool USBConn::sendSegments(const Segment *segments, int count, quint64 total, Co
         }
 
         if (written < 0) {
-            if (physicalCall && error == ENOTTY) {
-                // The endpoint driver has no physical-address request (a stock FunctionFS). It
-                // wrote nothing, so the same bytes go out through writev from the mapping, and
-                // the driver is not asked again. Found out here rather than by a probe at
-                // start-up: the only probe is a real request, which before a host enables the
-                // function would block, and afterwards would send bytes nobody asked for.
-                qCWarning(lcUsbConn) << failed << error;
-                qCDebug(lcUsbConn) << "no physical-address request on this endpoint: sending by"
-                                      " virtual address from now on";
-                physicalTransfers_ = false;
-                continue;
-            }
-            if (error == ENOMEM && call.length > kUsbMinBytesPerCall) {
-                // The driver copies each call into one contiguous kernel buffer, and not every
-                // controller gets one of this size: smaller calls, kept for later requests.
-                callLimit_ = qMax<quint64>(kUsbMinBytesPerCall, call.length / 2);
-                qCDebug(lcUsbConn) << (physicalCall ? "ioctl()" : "writev()") << "of" << call.length
-                                   << "bytes failed with ENOMEM; calls of at most" << callLimit_
-                                   << "bytes from now on";
-                continue;
-            }
+            if (adaptToEndpoint(error, physicalCall, call.length))
+                continue; // nothing was written: the same bytes again, in the new way
             qCWarning(lcUsbConn) << failed << error;
             return false;
         }

@@ -63,6 +63,7 @@ private:
     bool mapSegments(const QList<UsbDBuffer *> &buffers, Segment *segments, int *count,
                      quint64 *total);
     bool sendSegments(const Segment *segments, int count, quint64 total, Counts *counts);
+    bool adaptToEndpoint(int error, bool physicalCall, quint64 callLength);
 
     int endpointFd_;
     TransferThread *transferThread_ = nullptr;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -223,7 +224,7 @@ void usbd_worker::process()
             if (count < 0 && errno == EINTR)
                 continue; // a signal meant for the process, not for this receive
             if (count < 0) {
-                qCDebug(lcUsbd) << "read() failed:" << errno;
+                qCDebug(lcUsbd) << "receive: read() failed:" << strerror(errno);
                 break;
             }
             if (count == 0)

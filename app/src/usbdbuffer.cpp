@@ -28,6 +28,11 @@ void logOutOfRange(const char *kind, quint32 offset, quint32 size, quint64 regio
 
 } // namespace
 
+void logBufferCreated(quint32 offset, quint32 size, quint32 elementAlignment)
+{
+    qCDebug(lcUsbdBuffer) << "offset:" << offset << "size:" << size << "alignment:" << elementAlignment;
+}
+
 UsbDBufferMem::UsbDBufferMem(const QByteArray &data, quint32 offset, quint32 size,
                              quint32 elementAlignment, quint32 elementPadding, quint16 sessionId,
                              QObject *parent)
@@ -39,8 +44,7 @@ UsbDBufferMem::UsbDBufferMem(const QByteArray &data, quint32 offset, quint32 siz
       elementPadding_(elementPadding),
       sessionId_(sessionId)
 {
-    qCDebug(lcUsbdBuffer) << "offset:" << offset_ << "size:" << size_ << "alignment:"
-                          << elementAlignment_;
+    logBufferCreated(offset_, size_, elementAlignment_);
 }
 
 bool UsbDBufferMem::map()
@@ -69,8 +73,7 @@ UsbDBufferPath::UsbDBufferPath(const QString &path, quint32 offset, quint32 size
       elementPadding_(elementPadding),
       sessionId_(sessionId)
 {
-    qCDebug(lcUsbdBuffer) << "offset:" << offset_ << "size:" << size_ << "alignment:"
-                          << elementAlignment_;
+    logBufferCreated(offset_, size_, elementAlignment_);
 }
 
 UsbDBufferPath::~UsbDBufferPath()

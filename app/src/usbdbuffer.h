@@ -10,6 +10,9 @@
 
 class ArvoMemShare;
 
+// The debug line every buffer writes when it is made: its offset, size and element alignment.
+void logBufferCreated(quint32 offset, quint32 size, quint32 elementAlignment);
+
 // One contiguous piece of data of a transfer request: size() bytes from
 // virtualAddress() + offset(), followed by elementPadding() padding bytes.
 // virtualAddress() and physicalAddress() are meaningful only after map() returned true.

@@ -16,7 +16,7 @@ UsbDBufferArvoHandle::UsbDBufferArvoHandle(quint64 handle, quint32 offset, quint
       usePhysicalAddress_(usePhysicalAddress),
       sessionId_(sessionId)
 {
-    qCDebug(lcUsbdBuffer) << "offset:" << offset << "size:" << size << "alignment:" << elementAlignment;
+    logBufferCreated(offset, size, elementAlignment);
 }
 
 UsbDBufferArvoHandle::~UsbDBufferArvoHandle()

@@ -23,6 +23,8 @@
 #include <QString>
 
 #include "arvomemshare.h"
+#include "benchutil.h"
+#include "endpoint_write.h"
 #include "ffs_function.h"
 #include "usbconn.h"
 #include "usbdatain.h"
@@ -161,8 +163,8 @@ bool runRawShm(int endpoint, quint64 handle, quint32 size, const std::vector<cha
     return ok;
 }
 
-// What a program that owns the endpoint would write by hand: map what it must, then writev()
-// at most 8 MiB per call, continuing short writes.
+// What a program that owns the endpoint would write by hand: map what it must, then write it as
+// endpoint_write.h does.
 bool runRawLoop(int endpoint, const std::vector<Request> &requests, const std::vector<char> &zeros)
 {
     for (const Request &request : requests) {
@@ -187,44 +189,13 @@ bool runRawLoop(int endpoint, const std::vector<Request> &requests, const std::v
                 segments.push_back({const_cast<char *>(zeros.data()), piece.padding});
         }
 
-        size_t index = 0;
-        size_t sent = 0; // of segments[index]
-        bool ok = true;
-        while (ok && index < segments.size()) {
-            iovec call[32];
-            int count = 0;
-            size_t budget = 8 * kMiB;
-            for (size_t i = index, from = sent; i < segments.size() && count < 32 && budget > 0;
-                 ++i, from = 0) {
-                const size_t length = std::min(segments[i].iov_len - from, budget);
-                call[count++] = {static_cast<char *>(segments[i].iov_base) + from, length};
-                budget -= length;
-            }
-            ssize_t written = ::writev(endpoint, call, count);
-            ok = written > 0;
-            while (written > 0) {
-                const size_t take = std::min(size_t(written), segments[index].iov_len - sent);
-                sent += take;
-                written -= ssize_t(take);
-                if (sent == segments[index].iov_len) {
-                    ++index;
-                    sent = 0;
-                }
-            }
-        }
+        const bool ok = endpointwrite::writeSegments(endpoint, segments);
         for (const auto &mapping : mappings)
             ::munmap(mapping.first, mapping.second);
         if (!ok)
             return false;
     }
     return true;
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 bool makeFile(const std::string &path, size_t size, int seed)
@@ -434,12 +405,12 @@ int main(int argc, char **argv)
         std::printf("\n%s, %zu bytes per side and round:\n", c.label, c.bytes);
         if (c.note)
             std::printf("  (%s)\n", c.note);
-        std::printf("  usbd MB/s: %.0f\n", median(c.daemonRate));
-        std::printf("  raw writev MB/s: %.0f\n", median(c.rawRate));
-        std::printf("  throughput ratio usbd/raw: %.3f (goal >= 0.95)\n", median(c.rateRatio));
-        std::printf("  usbd CPU s/GiB: %.3f\n", median(c.daemonCpu));
-        std::printf("  raw writev CPU s/GiB: %.3f\n", median(c.rawCpu));
-        std::printf("  CPU ratio usbd/raw: %.3f (goal <= 1.10)\n", median(c.cpuRatio));
+        std::printf("  usbd MB/s: %.0f\n", benchutil::median(c.daemonRate));
+        std::printf("  raw writev MB/s: %.0f\n", benchutil::median(c.rawRate));
+        std::printf("  throughput ratio usbd/raw: %.3f (goal >= 0.95)\n", benchutil::median(c.rateRatio));
+        std::printf("  usbd CPU s/GiB: %.3f\n", benchutil::median(c.daemonCpu));
+        std::printf("  raw writev CPU s/GiB: %.3f\n", benchutil::median(c.rawCpu));
+        std::printf("  CPU ratio usbd/raw: %.3f (goal <= 1.10)\n", benchutil::median(c.cpuRatio));
     }
     return 0;
 }

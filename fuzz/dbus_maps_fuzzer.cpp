@@ -1,21 +1,19 @@
 // Feeds the decoding of send_file and send_shm_data with lists of maps built from arbitrary
 // bytes: any number of maps, the real keys and others, values of every type D-Bus can carry
-// (and some it cannot), and checks what the daemon relies on: a request is either queued whole
-// or failed whole, a map is looked at only while all before it passed, every buffer carries the
-// values its map names converted as documented, and nothing is leaked either way
-// (AddressSanitizer's leak check runs after every input).
-//
-// The decoding is file-local to the daemon's request module, so that module is compiled into
-// this file; nothing here replaces any of it.
-#include "usbdrequests.cpp"
+// (and some it cannot), and checks what the daemon relies on: a request decodes whole or fails
+// whole, a map is decoded only while all before it passed, every piece carries the values its
+// map names converted as documented, and the map a client writes for a piece decodes to that
+// same piece.
+#include <usbd/dbusmaps.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
-#include <QCoreApplication>
 #include <QDBusVariant>
 #include <QStringList>
+
+#include <ostr/CUsbD.h>
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -122,21 +120,70 @@ bool mapPasses(const QVariantMap &map, const QList<QPair<QString, int>> &types)
     return true;
 }
 
-void checkCommon(UsbDBuffer *buffer, const QVariantMap &map)
+void check(const usbd::dbusmaps::FilePiece &piece, const QVariantMap &map)
 {
-    check(buffer->elementAlignment() == quint32(map.value(CUsbD::tagElementAlignment()).toInt()));
-    check(buffer->elementPadding() == quint32(map.value(CUsbD::tagElementPadding()).toInt()));
-    check(buffer->sessionId() == quint16(map.value(CUsbD::tagSessionId()).toUInt()));
+    check(piece.path == map.value(CUsbD::tagPath()).toString());
+    check(piece.offset == quint32(map.value(CUsbD::tagOffset()).toLongLong()));
+    check(piece.size == quint32(map.value(CUsbD::tagSize()).toInt()));
+    check(piece.elementAlignment == quint32(map.value(CUsbD::tagElementAlignment()).toInt()));
+    check(piece.elementPadding == quint32(map.value(CUsbD::tagElementPadding()).toInt()));
+    check(piece.sessionId == quint16(map.value(CUsbD::tagSessionId()).toUInt()));
+}
+
+void check(const usbd::dbusmaps::ShmPiece &piece, const QVariantMap &map)
+{
+    check(piece.handle == map.value(CUsbD::tagHandle()).toULongLong());
+    check(piece.size == quint32(map.value(CUsbD::tagSize()).toLongLong()));
+    check(piece.elementAlignment == quint32(map.value(CUsbD::tagElementAlignment()).toInt()));
+    check(piece.elementPadding == quint32(map.value(CUsbD::tagElementPadding()).toInt()));
+    check(piece.usePhysicalAddress == map.value(CUsbD::tagUsePhysicalAddress()).toBool());
+    check(piece.sessionId == quint16(map.value(CUsbD::tagSessionId()).toUInt()));
+}
+
+bool same(const usbd::dbusmaps::FilePiece &a, const usbd::dbusmaps::FilePiece &b)
+{
+    return a.path == b.path && a.offset == b.offset && a.size == b.size &&
+           a.elementAlignment == b.elementAlignment && a.elementPadding == b.elementPadding &&
+           a.sessionId == b.sessionId;
+}
+
+bool same(const usbd::dbusmaps::ShmPiece &a, const usbd::dbusmaps::ShmPiece &b)
+{
+    return a.handle == b.handle && a.size == b.size && a.elementAlignment == b.elementAlignment &&
+           a.elementPadding == b.elementPadding && a.usePhysicalAddress == b.usePhysicalAddress &&
+           a.sessionId == b.sessionId;
+}
+
+// Decodes the maps and checks the result against the rule and the conversions written out
+// above, then checks that each piece survives the way through a client's map.
+template <typename Piece, typename Decode, typename Encode>
+void checkDecoding(const QList<QVariantMap> &maps, const QList<QPair<QString, int>> &types,
+                   Decode decode, Encode encode)
+{
+    QList<Piece> pieces;
+    const bool decoded = decode(maps, &pieces);
+
+    // Every map up to the first that fails is decoded, and none after it.
+    int passing = 0;
+    while (passing < maps.size() && mapPasses(maps.at(passing), types))
+        ++passing;
+    check(pieces.size() == passing);
+    check(decoded == (passing == maps.size()));
+
+    for (int i = 0; i < pieces.size(); ++i) {
+        check(pieces.at(i), maps.at(i));
+        // A client's map carries each key with exactly the documented type, which is the
+        // type D-Bus sends it as.
+        const QVariantMap written = encode(pieces.at(i));
+        check(written.size() == types.size());
+        for (const auto &type : types)
+            check(written.value(type.first).userType() == type.second);
+        QList<Piece> again;
+        check(decode({written}, &again) && again.size() == 1 && same(again.at(0), pieces.at(i)));
+    }
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
-{
-    // Buffers are QObjects and log through Qt; both want an application object.
-    static QCoreApplication app(*argc, *argv);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
@@ -147,58 +194,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     for (int i = 0; i < count; ++i)
         maps.append(someMap(in, files ? kFileTypes : kShmTypes));
 
-    // The maps the decoder turns into buffers, in the order it does, checked as it goes.
-    int built = 0;
-    auto fileChecked = [&](const QVariantMap &map) {
-        check(built < maps.size() && map == maps.at(built));
-        check(mapPasses(map, kFileTypes));
-        ++built;
-        UsbDBuffer *buffer = fileBuffer(map);
-        auto *path = qobject_cast<UsbDBufferPath *>(buffer);
-        check(path != nullptr);
-        check(path->path() == map.value(CUsbD::tagPath()).toString());
-        check(buffer->offset() == quint32(map.value(CUsbD::tagOffset()).toLongLong()));
-        check(buffer->size() == quint32(map.value(CUsbD::tagSize()).toInt()));
-        checkCommon(buffer, map);
-        return buffer;
-    };
-    auto shmChecked = [&](const QVariantMap &map) {
-        check(built < maps.size() && map == maps.at(built));
-        check(mapPasses(map, kShmTypes));
-        ++built;
-        UsbDBuffer *buffer = shmBuffer(map);
-        auto *shm = qobject_cast<UsbDBufferArvoHandle *>(buffer);
-        check(shm != nullptr);
-        check(shm->handle() == map.value(CUsbD::tagHandle()).toULongLong());
-        check(shm->usePhysicalAddress() == map.value(CUsbD::tagUsePhysicalAddress()).toBool());
-        check(buffer->offset() == 0);
-        check(buffer->size() == quint32(map.value(CUsbD::tagSize()).toLongLong()));
-        checkCommon(buffer, map);
-        return buffer;
-    };
-
-    {
-        // No transports: a queued request stays in the queue, which deletes it with itself.
-        UsbDataIn queue({});
-        const QDBusMessage call = QDBusMessage::createMethodCall(
-            QStringLiteral("com.korvane.usbd"), QStringLiteral("/com/korvane/usbd"),
-            QStringLiteral("com.korvane.usbd"), files ? "send_file" : "send_shm_data");
-        if (files)
-            queueMaps(&queue, maps, fileKeys(), validFileMap, fileChecked, call);
-        else
-            queueMaps(&queue, maps, shmKeys(), validShmMap, shmChecked, call);
-    }
-
-    // Every map up to the first that fails is built, and none after it.
-    int passing = 0;
-    // The daemon's own value checks (no negative padding, only regular files) come after the
-    // key and type checks, as in the decoder.
-    auto passes = [&](const QVariantMap &map) {
-        return mapPasses(map, files ? kFileTypes : kShmTypes) &&
-               (files ? validFileMap(map) : validShmMap(map));
-    };
-    while (passing < maps.size() && passes(maps.at(passing)))
-        ++passing;
-    check(built == passing);
+    if (files)
+        checkDecoding<usbd::dbusmaps::FilePiece>(maps, kFileTypes, usbd::dbusmaps::decodeFileMaps,
+                                                 usbd::dbusmaps::fileMap);
+    else
+        checkDecoding<usbd::dbusmaps::ShmPiece>(maps, kShmTypes, usbd::dbusmaps::decodeShmMaps,
+                                                usbd::dbusmaps::shmMap);
     return 0;
 }

@@ -4,8 +4,9 @@
 // no byte past those it names.
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
+
+#include <usbd/little_endian.h>
 
 #include "usbdsocketrequest.h"
 
@@ -46,15 +47,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
     check(size >= usbd::kSocketHeaderSize + usbd::kSocketEndEntrySize);
     check(size <= usbd::kSocketMaxRequestSize);
-    check(request.entries.size() <= 145);
+    check(request.entries.size() <= usbd::kSocketMaxEntries);
 
     // The bytes the request needs: its entries up to and including the end entry's type word
     // (skipped entries included), and every memory entry's data.
     std::size_t extent = usbd::kSocketHeaderSize;
     for (;; extent += usbd::kSocketEntrySize) {
-        std::uint32_t type;
-        std::memcpy(&type, data + extent, sizeof type); // in range, or the parser was wrong
-        if (type == usbd::kSocketEntryEnd)
+        // In range, or the parser was wrong.
+        if (usbd::loadLe32(data + extent + usbd::kSocketEntryTypeAt) == usbd::kSocketEntryEnd)
             break;
     }
     extent += usbd::kSocketEndEntrySize;

@@ -1,21 +1,14 @@
 #pragma once
 
-// Every fixed path and protocol constant the daemon uses, in one place.
-namespace usbd {
+// Every fixed path the daemon uses. Those that other processes must know too (the request
+// socket, the FunctionFS endpoints, the ION node) live in <usbd/protocol.h>; the device
+// controller and gadget configuration are the daemon's alone.
+#include <usbd/protocol.h>
 
-// FunctionFS instance of the daemon's function.
-constexpr const char kFfsEp0Path[] = "/dev/usb-ffs/bulk/ep0";
-constexpr const char kFfsEp1Path[] = "/dev/usb-ffs/bulk/ep1"; // bulk OUT 0x01, host to device
-constexpr const char kFfsEp3Path[] = "/dev/usb-ffs/bulk/ep3"; // bulk IN 0x81, device to host
+namespace usbd {
 
 // Device controller and gadget configuration.
 constexpr const char kUdcClassDir[] = "/sys/class/udc/";
 constexpr const char kMaxPowerPath[] = "/sys/kernel/config/usb_gadget/g1/configs/c.1/MaxPower";
-
-// ION allocator node.
-constexpr const char kIonDevicePath[] = "/dev/ion";
-
-// Local request socket.
-constexpr const char kSocketPath[] = "/tmp/usbd-socket";
 
 } // namespace usbd

@@ -2,13 +2,15 @@
 
 #include <cstdint>
 
+#include <usbd/protocol.h>
+
 #include "conn.h"
 
 class TransferThread;
 class UsbDBuffer;
 
 // Most segments (data and padding pieces) a request may have, and most iovec entries per call.
-constexpr int kUsbMaxSegments = 32;
+constexpr int kUsbMaxSegments = int(usbd::kMaxSegments);
 // Most bytes handed to the endpoint in one system call.
 constexpr quint32 kUsbMaxBytesPerCall = 0x800000;
 // Smallest call the transport falls back to when the endpoint cannot take larger ones (ENOMEM).

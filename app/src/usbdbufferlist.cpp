@@ -6,20 +6,13 @@
 #include <cerrno>
 
 #include <QDBusError>
-#include <QtEndian>
 
 #include <ostr/Bus.h>
+#include <usbd/little_endian.h>
+#include <usbd/protocol.h>
 
 #include "logging.h"
 #include "usbdbuffer.h"
-
-namespace {
-
-constexpr char kFailedToSend[] = "Failed to send buffer";
-constexpr qint32 kStatusSent = 0;
-constexpr qint32 kStatusFailed = -1;
-
-} // namespace
 
 UsbDBufferList::UsbDBufferList(const QList<UsbDBuffer *> &buffers, QObject *parent)
     : QObject(parent), buffers_(buffers)
@@ -52,7 +45,8 @@ void UsbDDBusBufferList::success()
 
 void UsbDDBusBufferList::fail()
 {
-    Bus::send(message_.createErrorReply(QDBusError::Failed, QString::fromLatin1(kFailedToSend)));
+    Bus::send(message_.createErrorReply(QDBusError::Failed,
+                                        QString::fromLatin1(usbd::kFailedToSendText)));
 }
 
 UsbDSocketBufferList::UsbDSocketBufferList(const QList<UsbDBuffer *> &buffers,
@@ -66,19 +60,19 @@ UsbDSocketBufferList::~UsbDSocketBufferList() = default;
 
 void UsbDSocketBufferList::success()
 {
-    respond(kStatusSent);
+    respond(usbd::kSocketStatusSent);
 }
 
 void UsbDSocketBufferList::fail()
 {
-    respond(kStatusFailed);
+    respond(usbd::kSocketStatusFailed);
 }
 
 void UsbDSocketBufferList::respond(qint32 status)
 {
-    uchar record[8];
-    qToLittleEndian<quint32>(requestId_, record);
-    qToLittleEndian<qint32>(status, record + 4);
+    uchar record[usbd::kSocketResponseSize];
+    usbd::storeLe32(record + usbd::kSocketResponseIdAt, requestId_);
+    usbd::storeLe32(record + usbd::kSocketResponseStatusAt, quint32(status));
 
     // The client may have gone: MSG_NOSIGNAL turns that into EPIPE instead of a SIGPIPE that
     // would end the daemon. The connection is non-blocking, so a full receive buffer fails too;

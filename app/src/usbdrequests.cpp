@@ -1,8 +1,6 @@
 // Turning the D-Bus send calls into transfer requests.
 
-#include <QVariant>
-
-#include <ostr/CUsbD.h>
+#include <usbd/dbusmaps.h>
 
 #include "usbd.h"
 #include "usbdatain.h"
@@ -11,88 +9,37 @@
 
 namespace {
 
-struct KeyType {
-    QString key;
-    int type; // QMetaType id the value must convert to
-};
+using usbd::dbusmaps::FilePiece;
+using usbd::dbusmaps::ShmPiece;
 
-// Every key of the table must be present and convert to its type; other keys are ignored.
-bool hasKeys(const QVariantMap &map, const QList<KeyType> &table)
+UsbDBuffer *makeBuffer(const FilePiece &piece)
 {
-    for (const KeyType &entry : table) {
-        const auto it = map.constFind(entry.key);
-        if (it == map.constEnd() || !it->canConvert(entry.type))
-            return false;
-    }
-    return true;
+    return new UsbDBufferPath(piece.path, piece.offset, piece.size, piece.elementAlignment,
+                              piece.elementPadding, piece.sessionId, nullptr);
 }
 
-const QList<KeyType> &fileKeys()
+UsbDBuffer *makeBuffer(const ShmPiece &piece)
 {
-    static const QList<KeyType> keys{
-        {CUsbD::tagPath(), QMetaType::QString},
-        {CUsbD::tagOffset(), QMetaType::LongLong},
-        {CUsbD::tagSize(), QMetaType::Int},
-        {CUsbD::tagElementAlignment(), QMetaType::Int},
-        {CUsbD::tagElementPadding(), QMetaType::Int},
-        {CUsbD::tagSessionId(), QMetaType::UShort},
-    };
-    return keys;
+    return new UsbDBufferArvoHandle(piece.handle, 0, piece.size, piece.elementAlignment,
+                                    piece.elementPadding, piece.usePhysicalAddress,
+                                    piece.sessionId, nullptr);
 }
 
-const QList<KeyType> &shmKeys()
-{
-    static const QList<KeyType> keys{
-        {CUsbD::tagHandle(), QMetaType::ULongLong},
-        {CUsbD::tagSize(), QMetaType::LongLong},
-        {CUsbD::tagElementAlignment(), QMetaType::Int},
-        {CUsbD::tagElementPadding(), QMetaType::Int},
-        {CUsbD::tagUsePhysicalAddress(), QMetaType::Bool},
-        {CUsbD::tagSessionId(), QMetaType::UShort},
-    };
-    return keys;
-}
-
-UsbDBuffer *fileBuffer(const QVariantMap &map)
-{
-    return new UsbDBufferPath(map.value(CUsbD::tagPath()).toString(),
-                              quint32(map.value(CUsbD::tagOffset()).toLongLong()),
-                              quint32(map.value(CUsbD::tagSize()).toInt()),
-                              quint32(map.value(CUsbD::tagElementAlignment()).toInt()),
-                              quint32(map.value(CUsbD::tagElementPadding()).toInt()),
-                              quint16(map.value(CUsbD::tagSessionId()).toUInt()), nullptr);
-}
-
-UsbDBuffer *shmBuffer(const QVariantMap &map)
-{
-    return new UsbDBufferArvoHandle(map.value(CUsbD::tagHandle()).toULongLong(), 0,
-                                    quint32(map.value(CUsbD::tagSize()).toLongLong()),
-                                    quint32(map.value(CUsbD::tagElementAlignment()).toInt()),
-                                    quint32(map.value(CUsbD::tagElementPadding()).toInt()),
-                                    map.value(CUsbD::tagUsePhysicalAddress()).toBool(),
-                                    quint16(map.value(CUsbD::tagSessionId()).toUInt()), nullptr);
-}
-
-// Builds one request from the maps; a map that fails its checks fails the whole request at once
-// and nothing of it is sent.
-// Only keys and types are checked here: values (a negative padding, a path that names no
-// regular file, a range past the end) are the buffers' and transports' to refuse when the
-// request's turn comes.
-template <typename MakeBuffer>
-void queueMaps(UsbDataIn *queue, const QList<QVariantMap> &maps, const QList<KeyType> &keys,
-               MakeBuffer makeBuffer, const QDBusMessage &msg)
+// Queues one request of the decoded pieces, or, when a map failed its checks (decoded false),
+// fails the whole request at once and nothing of it is sent. Only keys and types were checked:
+// values (a negative padding, a path that names no regular file, a range past the end) are the
+// buffers' and transports' to refuse when the request's turn comes.
+// The pieces of the maps before a failing one still become buffers, each noting its values at
+// debug level, so that the log shows how far the request got.
+template <typename Piece>
+void queueOrFail(UsbDataIn *queue, bool decoded, const QList<Piece> &pieces,
+                 const QDBusMessage &msg)
 {
     QList<UsbDBuffer *> buffers;
-    bool valid = true;
-    for (const QVariantMap &map : maps) {
-        if (!hasKeys(map, keys)) {
-            valid = false;
-            break;
-        }
-        buffers.append(makeBuffer(map));
-    }
+    for (const Piece &piece : pieces)
+        buffers.append(makeBuffer(piece));
     auto *request = new UsbDDBusBufferList(buffers, msg, nullptr);
-    if (valid) {
+    if (decoded) {
         queue->send_data(request);
         return;
     }
@@ -117,10 +64,14 @@ void UsbD::send_data(const QByteArray &usb_data, uchar usb_data_len, const QDBus
 
 void UsbD::send_file(QList<QVariantMap> file_list, const QDBusMessage &msg)
 {
-    queueMaps(dataIn_, file_list, fileKeys(), fileBuffer, msg);
+    QList<FilePiece> pieces;
+    const bool decoded = usbd::dbusmaps::decodeFileMaps(file_list, &pieces);
+    queueOrFail(dataIn_, decoded, pieces, msg);
 }
 
 void UsbD::send_shm_data(QList<QVariantMap> shm_handle_list, const QDBusMessage &msg)
 {
-    queueMaps(dataIn_, shm_handle_list, shmKeys(), shmBuffer, msg);
+    QList<ShmPiece> pieces;
+    const bool decoded = usbd::dbusmaps::decodeShmMaps(shm_handle_list, &pieces);
+    queueOrFail(dataIn_, decoded, pieces, msg);
 }

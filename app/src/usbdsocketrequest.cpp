@@ -1,27 +1,8 @@
 #include "usbdsocketrequest.h"
 
-#include <endian.h>
-
-#include <cstring>
+#include <usbd/little_endian.h>
 
 namespace usbd {
-namespace {
-
-std::uint32_t readU32(const unsigned char *p)
-{
-    std::uint32_t value;
-    std::memcpy(&value, p, sizeof value);
-    return le32toh(value);
-}
-
-std::uint64_t readU64(const unsigned char *p)
-{
-    std::uint64_t value;
-    std::memcpy(&value, p, sizeof value);
-    return le64toh(value);
-}
-
-} // namespace
 
 SocketRequestKind parseSocketRequest(const unsigned char *data, std::size_t length,
                                      SocketRequest *request)
@@ -34,8 +15,8 @@ SocketRequestKind parseSocketRequest(const unsigned char *data, std::size_t leng
     if (length > kSocketMaxRequestSize)
         return request->kind = SocketRequestKind::Malformed;
 
-    const std::uint32_t kind = readU32(data);
-    request->requestId = readU32(data + 4);
+    const std::uint32_t kind = loadLe32(data + kSocketKindAt);
+    request->requestId = loadLe32(data + kSocketRequestIdAt);
     if (kind == kSocketKindInterrupt)
         return request->kind = SocketRequestKind::Interrupt;
     if (kind != kSocketKindSend)
@@ -47,7 +28,7 @@ SocketRequestKind parseSocketRequest(const unsigned char *data, std::size_t leng
         if (length - pos < kSocketEndEntrySize)
             break; // no end entry within the bytes received
         const unsigned char *entry = data + pos;
-        const std::uint32_t type = readU32(entry);
+        const std::uint32_t type = loadLe32(entry + kSocketEntryTypeAt);
         if (type == kSocketEntryEnd)
             return request->kind = SocketRequestKind::Send;
         if (length - pos < kSocketEntrySize)
@@ -57,12 +38,12 @@ SocketRequestKind parseSocketRequest(const unsigned char *data, std::size_t leng
 
         SocketRequestEntry e;
         e.type = type;
-        e.size = readU32(entry + 4);
-        e.offset = readU32(entry + 8);
-        e.elementAlignment = readU32(entry + 12);
-        e.elementPadding = readU32(entry + 16);
+        e.size = loadLe32(entry + kSocketEntrySizeAt);
+        e.offset = loadLe32(entry + kSocketEntryOffsetAt);
+        e.elementAlignment = loadLe32(entry + kSocketEntryAlignmentAt);
+        e.elementPadding = loadLe32(entry + kSocketEntryPaddingAt);
         if (type == kSocketEntryHandle) {
-            e.handle = readU64(entry + 20);
+            e.handle = loadLe64(entry + kSocketEntryHandleAt);
         } else if (std::uint64_t(e.offset) + e.size > length) {
             // In 64 bits: a 32-bit sum could wrap and let an offset near 4 GiB pass.
             break;

@@ -18,7 +18,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -48,15 +47,16 @@
 #include <QVariantMap>
 
 #include <arvo_hal.h>
-#include <ostr/CUsbD.h>
 #include <usbd/client.h>
+#include <usbd/dbusmaps.h>
+#include <usbd/protocol.h>
 
+#include "../benchutil.h"
 #include "../clientwait.h"
+#include "../endpoint_write.h"
 
 #include "arvomemshare.h"
 #include "control.h"
-#include "endpoint_write.h"
-#include "paths.h"
 
 namespace {
 
@@ -64,15 +64,17 @@ using Clock = std::chrono::steady_clock;
 using usbd::client::Connection;
 using usbd::client::Response;
 using usbd::client::SendRequest;
+using benchutil::env;
+using benchutil::median;
+using benchutil::percentile;
+using benchutil::spawn;
+using benchutil::stop;
 
 constexpr std::size_t kKiB = 1024;
 constexpr std::size_t kMiB = 1024 * 1024;
 constexpr double kGiB = 1024.0 * 1024.0 * 1024.0;
 constexpr char kMinimalSocket[] = "/tmp/usbd-bench-minimal-socket";
 constexpr char kMinimalService[] = "com.korvane.usbdbench";
-constexpr char kUsbdService[] = "com.korvane.usbd";
-constexpr char kUsbdPath[] = "/com/korvane/usbd";
-constexpr unsigned long kPhysicalTransfer = 0x6706;
 constexpr int kDbusTimeoutMs = 120000;
 
 struct Options {
@@ -90,33 +92,9 @@ struct Options {
     bool quick = false;
 };
 
-std::string env(const char *name)
-{
-    const char *value = std::getenv(name);
-    return value ? value : "";
-}
-
 bool wanted(const Options &o, const char *name)
 {
     return ("," + o.cases + ",").find(std::string(",") + name + ",") != std::string::npos;
-}
-
-double median(std::vector<double> v)
-{
-    if (v.empty())
-        return 0;
-    std::sort(v.begin(), v.end());
-    const std::size_t n = v.size();
-    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
-template <typename T>
-T percentile(std::vector<T> sorted, double p)
-{
-    if (sorted.empty())
-        return T();
-    std::sort(sorted.begin(), sorted.end());
-    return sorted[std::min(sorted.size() - 1, std::size_t(p / 100.0 * double(sorted.size())))];
 }
 
 // ---- the server process as /proc shows it ----
@@ -215,31 +193,6 @@ double instructionsSoFar(pid_t pid)
 }
 
 // ---- processes ----
-
-pid_t spawn(const std::vector<std::string> &argv, const char *logPath)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int log = ::open(logPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        dup2(log, STDOUT_FILENO);
-        dup2(log, STDERR_FILENO);
-        std::vector<char *> args;
-        for (const std::string &a : argv)
-            args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-void stop(pid_t pid)
-{
-    if (pid <= 0)
-        return;
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-}
 
 // One request to the emulator's control socket, straight, so that no process start lies
 // between the event and the time taken for it.
@@ -370,8 +323,9 @@ void print(const Comparison &c, const char *aim)
 
 QDBusMessage usbdCall(const char *method)
 {
-    return QDBusMessage::createMethodCall(QLatin1String(kUsbdService), QLatin1String(kUsbdPath),
-                                          QLatin1String(kUsbdService), QLatin1String(method));
+    return QDBusMessage::createMethodCall(QLatin1String(usbd::kDBusService),
+                                          QLatin1String(usbd::kDBusObjectPath),
+                                          QLatin1String(usbd::kDBusInterface), QLatin1String(method));
 }
 
 bool callOk(const QDBusMessage &reply)
@@ -396,7 +350,7 @@ bool writeSegments(int ep3, const char *base, const std::vector<Piece> &pieces, 
         if (p.padding)
             segments.push_back({const_cast<char *>(zeros), p.padding});
     }
-    return e2ebench::writeSegments(ep3, segments);
+    return endpointwrite::writeSegments(ep3, segments);
 }
 
 bool rawFile(int ep3, const std::string &path, std::size_t fileSize, const std::vector<Piece> &pieces,
@@ -416,12 +370,12 @@ bool rawFile(int ep3, const std::string &path, std::size_t fileSize, const std::
 
 QVariantMap fileMap(const std::string &path, const Piece &p)
 {
-    return {{CUsbD::tagPath(), QString::fromStdString(path)},
-            {CUsbD::tagOffset(), qlonglong(p.offset)},
-            {CUsbD::tagSize(), int(p.size)},
-            {CUsbD::tagElementAlignment(), 0},
-            {CUsbD::tagElementPadding(), int(p.padding)},
-            {CUsbD::tagSessionId(), QVariant::fromValue<ushort>(0)}};
+    usbd::dbusmaps::FilePiece piece;
+    piece.path = QString::fromStdString(path);
+    piece.offset = quint32(p.offset);
+    piece.size = quint32(p.size);
+    piece.elementPadding = quint32(p.padding);
+    return usbd::dbusmaps::fileMap(piece);
 }
 
 // The pieces go out as requests of at most 16 pieces (32 segments with padding), all sent at
@@ -493,36 +447,33 @@ void fileCases(const Options &o, pid_t usbd, int ep3)
     const std::size_t piecesBytes = 64 * (pieceSize + 512);
 
     const std::string name = "send_file " + std::to_string(o.fileMiB) + " MiB";
-    print(compare(name + ", one piece", "MB/s", "CPU s/GiB", "per GiB", o.rounds,
-                  [&](int side, Sample *s) {
-                      return timeBulk(usbd, side, size, [&] {
-                          return side == 0 ? usbdFile(path, whole)
-                                           : rawFile(ep3, path, size, whole, zeros.data());
-                      }, s);
-                  }),
-          " (aim >= 0.95; CPU aim <= 1.10)");
-    print(compare(name + ", 64 pieces with 512 B padding in 4 requests", "MB/s", "CPU s/GiB",
-                  "per GiB", o.rounds,
-                  [&](int side, Sample *s) {
-                      return timeBulk(usbd, side, piecesBytes, [&] {
-                          return side == 0 ? usbdFile(path, pieces)
-                                           : rawFile(ep3, path, size, pieces, zeros.data());
-                      }, s);
-                  }),
-          " (aim >= 0.95; CPU aim <= 1.10)");
+    const struct {
+        const char *label;
+        const std::vector<Piece> &pieces;
+        std::size_t bytes;
+    } cases[] = {{", one piece", whole, size},
+                 {", 64 pieces with 512 B padding in 4 requests", pieces, piecesBytes}};
+    for (const auto &c : cases) {
+        print(compare(name + c.label, "MB/s", "CPU s/GiB", "per GiB", o.rounds,
+                      [&](int side, Sample *s) {
+                          return timeBulk(usbd, side, c.bytes, [&] {
+                              return side == 0 ? usbdFile(path, c.pieces)
+                                               : rawFile(ep3, path, size, c.pieces, zeros.data());
+                          }, s);
+                      }),
+              " (aim >= 0.95; CPU aim <= 1.10)");
+    }
     ::unlink(path.c_str());
 }
 
 bool usbdShm(quint64 handle, std::size_t size, bool physical)
 {
-    const QVariantMap map{{CUsbD::tagHandle(), qulonglong(handle)},
-                          {CUsbD::tagSize(), qlonglong(size)},
-                          {CUsbD::tagElementAlignment(), 0},
-                          {CUsbD::tagElementPadding(), 0},
-                          {CUsbD::tagUsePhysicalAddress(), physical},
-                          {CUsbD::tagSessionId(), QVariant::fromValue<ushort>(0)}};
+    usbd::dbusmaps::ShmPiece piece;
+    piece.handle = handle;
+    piece.size = quint32(size);
+    piece.usePhysicalAddress = physical;
     QDBusMessage call = usbdCall("send_shm_data");
-    call << QVariant::fromValue(QList<QVariantMap>{map});
+    call << QVariant::fromValue(QList<QVariantMap>{usbd::dbusmaps::shmMap(piece)});
     return callOk(QDBusConnection::systemBus().call(call, QDBus::Block, kDbusTimeoutMs));
 }
 
@@ -536,15 +487,8 @@ bool rawShm(int ep3, quint64 handle, std::size_t size, bool physical)
     bool ok = true;
     if (physical) {
         uint32_t address = 0;
-        ok = arvo_hal_mem_get_phys_addr(memory, &address) == 0;
-        for (std::size_t done = 0; ok && done < size;) {
-            struct {
-                uint32_t address, length;
-            } record{uint32_t(address + done), uint32_t(std::min(size - done, e2ebench::kMaxBytesPerCall))};
-            const int sent = ::ioctl(ep3, kPhysicalTransfer, &record);
-            ok = sent > 0;
-            done += ok ? std::size_t(sent) : 0;
-        }
+        ok = arvo_hal_mem_get_phys_addr(memory, &address) == 0
+             && endpointwrite::writePhysical(ep3, address, size);
     } else {
         uint8_t *base = nullptr;
         ok = arvo_hal_mem_map(memory, &base) == 0;
@@ -799,7 +743,7 @@ void linkCase(const Options &o, Emulator *emulator)
 {
     LinkWatcher watcher;
     QDBusConnection bus = QDBusConnection::systemBus();
-    if (!bus.connect(QLatin1String(kUsbdService), QLatin1String(kUsbdPath),
+    if (!bus.connect(QLatin1String(usbd::kDBusService), QLatin1String(usbd::kDBusObjectPath),
                      QStringLiteral("org.freedesktop.DBus.Properties"),
                      QStringLiteral("PropertiesChanged"), &watcher,
                      SLOT(onPropertiesChanged(QString, QVariantMap, QStringList)))) {

@@ -10,14 +10,12 @@
 // Runs next to the daemon (in the device emulator, or on the real kernel's FunctionFS); the
 // benchmark starts and ends it.
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -31,13 +29,13 @@
 
 #include <arvo_hal.h>
 
+#include <usbd/protocol.h>
+
 #include "arvomemshare.h"
 #include "endpoint_write.h"
-#include "paths.h"
+#include "minimal_server.h"
 
 namespace {
-
-constexpr unsigned long kPhysicalTransfer = 0x6706;
 
 int ep3 = -1;
 std::mutex halMutex; // the HAL is driven from one thread at a time, as in the daemon
@@ -53,29 +51,10 @@ bool sendMapped(arvo_hal_mem_t memory, std::uint32_t offset, std::uint32_t size)
         if (arvo_hal_mem_map(memory, &base) != 0)
             return false;
     }
-    const bool ok = e2ebench::writeSegments(ep3, {{base + offset, size}});
+    const bool ok = endpointwrite::writeSegments(ep3, {{base + offset, size}});
     std::lock_guard<std::mutex> guard(halMutex);
     arvo_hal_mem_unmap(memory);
     return ok;
-}
-
-bool sendPhysical(std::uint32_t physical, std::uint32_t offset, std::uint32_t size, bool *unsupported)
-{
-    for (std::uint32_t done = 0; done < size;) {
-        struct {
-            std::uint32_t address, length;
-        } record{physical + offset + done,
-                 std::min(size - done, std::uint32_t(e2ebench::kMaxBytesPerCall))};
-        const int sent = ::ioctl(ep3, kPhysicalTransfer, &record);
-        if (sent < 0 && errno == ENOTTY && done == 0) {
-            *unsupported = true;
-            return false;
-        }
-        if (sent <= 0)
-            return false;
-        done += std::uint32_t(sent);
-    }
-    return true;
 }
 
 bool sendByHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size)
@@ -93,7 +72,7 @@ bool sendByHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size
     }
     bool ok = false, unsupported = false;
     if (physicalTransfers)
-        ok = sendPhysical(physical, offset, size, &unsupported);
+        ok = endpointwrite::writePhysical(ep3, physical + offset, size, &unsupported);
     if (unsupported)
         physicalTransfers = false;
     if (!physicalTransfers)
@@ -103,45 +82,13 @@ bool sendByHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size
     return ok;
 }
 
-std::uint32_t u32(const std::uint8_t *p)
-{
-    std::uint32_t v;
-    std::memcpy(&v, p, 4);
-    return v;
-}
-
 void serveClient(int client)
 {
-    std::uint8_t request[4096];
-    for (;;) {
-        const ssize_t n = ::read(client, request, sizeof request);
-        if (n < 8)
-            break;
-        const std::uint32_t id = u32(request + 4);
-        std::int32_t status = 0;
-        for (std::size_t at = 8; at + 4 <= std::size_t(n); at += 28) {
-            const std::uint32_t type = u32(request + at);
-            if (type == 0 || at + 28 > std::size_t(n))
-                break;
-            const std::uint32_t size = u32(request + at + 4);
-            const std::uint32_t offset = u32(request + at + 8);
-            if (type == 1) {
-                if (std::uint64_t(offset) + size > std::uint64_t(n)
-                    || ::write(ep3, request + offset, size) != ssize_t(size))
-                    status = -1;
-            } else if (type == 2) {
-                std::uint64_t handle;
-                std::memcpy(&handle, request + at + 20, 8);
-                if (!sendByHandle(handle, offset, size))
-                    status = -1;
-            }
-        }
-        std::uint8_t response[8];
-        std::memcpy(response, &id, 4);
-        std::memcpy(response + 4, &status, 4);
-        if (::send(client, response, sizeof response, MSG_NOSIGNAL) != 8)
-            break;
-    }
+    minimalserver::serve(client, [](const std::uint8_t *request, const usbd::SocketRequestEntry &entry) {
+        if (entry.type == usbd::kSocketEntryHandle)
+            return sendByHandle(entry.handle, entry.offset, entry.size);
+        return ::write(ep3, request + entry.offset, entry.size) == ssize_t(entry.size);
+    });
     ::close(client);
 }
 

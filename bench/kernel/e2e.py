@@ -16,8 +16,9 @@ import subprocess
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests", "kernel"))
+import device  # noqa: E402
 import suite  # noqa: E402
-from suite import GADGET, USBD, USBD_HOST, load_controller, run  # noqa: E402
+from suite import GADGET, USBD, USBD_HOST, run  # noqa: E402
 
 BENCH = os.path.join(suite.BUILD, "bench", "e2e", "e2e_bench")
 MINIMAL = os.path.join(suite.BUILD, "bench", "e2e", "e2e_minimal")
@@ -39,11 +40,7 @@ def keep_tail(path, name, lines=200):
 
 
 def main():
-    with open("/tmp/bus.conf", "w") as f:
-        f.write(suite.BUS_CONFIG)
-    run("dbus-daemon", "--config-file=/tmp/bus.conf", "--fork")
-    load_controller(super_speed=True)
-    run(GADGET, "--modprobe", "setup")
+    device.set_up()
     # The guest's /tmp shows the host's, where sockets of other runs may lie; as the daemon's
     # unit does, remove them first.
     for stale in ("/tmp/usbd-socket", "/tmp/usbd-bench-minimal-socket"):

@@ -1,8 +1,8 @@
 // The baseline of scripts/bench-kernel: what a program that owns the function would do to send a
 // file, with nothing of the daemon in between. Brings up the same function on the real
 // FunctionFS, maps FILE, waits for one line on stdin (the host is reading by then), and writes the
-// mapping to the bulk IN endpoint COUNT times with writev(), in calls of at most 8 MiB as the
-// daemon makes them. Exit status 0 when every byte went out.
+// mapping to the bulk IN endpoint COUNT times with writev(), in calls as the daemon makes them
+// (endpoint_write.h). Exit status 0 when every byte went out.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -16,6 +16,7 @@
 #include <cstring>
 #include <string>
 
+#include "../endpoint_write.h"
 #include "ffs_function.h"
 
 int main(int argc, char **argv)
@@ -46,17 +47,10 @@ int main(int argc, char **argv)
     char line[16];
     if (!std::fgets(line, sizeof line, stdin))
         return 1;
-    constexpr size_t kMaxBytesPerCall = 8u << 20;
     for (long i = 0; i < count; ++i) {
-        size_t done = 0;
-        while (done < size) {
-            struct iovec iov = {static_cast<char *>(map) + done, std::min(size - done, kMaxBytesPerCall)};
-            const ssize_t written = ::writev(function.ep3.get(), &iov, 1);
-            if (written < 0) {
-                std::fprintf(stderr, "writev() failed: %d\n", errno);
-                return 1;
-            }
-            done += size_t(written);
+        if (!endpointwrite::writeSegments(function.ep3.get(), {{map, size}})) {
+            std::fprintf(stderr, "writev() failed: %d\n", errno);
+            return 1;
         }
     }
     return 0;

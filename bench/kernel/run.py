@@ -15,8 +15,9 @@ import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests", "kernel"))
+import device  # noqa: E402
 import suite  # noqa: E402
-from suite import GADGET, PATH, SERVICE, USBD, Host, load_controller, run, wait_for  # noqa: E402
+from suite import GADGET, PATH, SERVICE, USBD, Host, run, wait_for  # noqa: E402
 
 import dbus  # noqa: E402
 import usb.util  # noqa: E402
@@ -98,11 +99,7 @@ def turn_baseline(path, total):
 
 
 def main():
-    with open("/tmp/bus.conf", "w") as f:
-        f.write(suite.BUS_CONFIG)
-    run("dbus-daemon", "--config-file=/tmp/bus.conf", "--fork")
-    load_controller(super_speed=True)
-    run(GADGET, "--modprobe", "setup")
+    device.set_up()
     path = "/tmp/bench.bin"
     with open(path, "wb") as f:
         f.write(os.urandom(FILE_MIB << 20))

@@ -9,7 +9,6 @@
 //   - the daemon's resident memory stays within a slack of what it was after the warm-up.
 // Prints one line of totals and exits 0 when all of that held, 1 otherwise.
 // Environment: USBD_BIN, USBDCTL_BIN, USBD_EMUCTL, USBD_EMU_NAME.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,6 +31,7 @@
 
 #include <usbd/client.h>
 
+#include "../benchutil.h"
 #include "ffs_function.h"
 
 using namespace std::chrono_literals;
@@ -61,11 +61,7 @@ struct Options {
     bool rssCheck = true;
 };
 
-std::string env(const char *name)
-{
-    const char *value = std::getenv(name);
-    return value ? value : "";
-}
+using benchutil::env;
 
 std::atomic<long> linkChanges{0};
 std::atomic<Clock::rep> lastLinkChange{0};
@@ -316,18 +312,9 @@ int main(int argc, char **argv)
         file << std::string(4096, 'f');
     }
 
-    const pid_t daemon = fork();
-    if (daemon == 0) {
-        const int log = open(kDaemonLog, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        dup2(log, STDOUT_FILENO);
-        dup2(log, STDERR_FILENO);
-        const std::string usbd = env("USBD_BIN");
-        execl(usbd.c_str(), usbd.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
+    const pid_t daemon = benchutil::spawn({env("USBD_BIN")}, kDaemonLog);
     auto finish = [&](int code) {
-        kill(daemon, SIGTERM);
-        waitpid(daemon, nullptr, 0);
+        benchutil::stop(daemon);
         unlink(kDbusFile);
         if (code != 0)
             std::cerr << "---- daemon log (tail) ----\n"

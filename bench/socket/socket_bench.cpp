@@ -7,10 +7,8 @@
 // data straight to ep3 and answers. Its figures are what the mechanism itself costs.
 // Environment: USBD_BIN, USBD_EMUCTL_BIN, USBD_EMU_NAME. Arguments: [SECONDS per run] [CLIENTS...]
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,8 +21,11 @@
 #include <vector>
 
 #include <usbd/client.h>
+#include <usbd/protocol.h>
 
+#include "../benchutil.h"
 #include "../clientwait.h"
+#include "../minimal_server.h"
 
 namespace {
 
@@ -32,51 +33,13 @@ using Clock = std::chrono::steady_clock;
 using usbd::client::Connection;
 using usbd::client::Response;
 using usbd::client::SendRequest;
+using benchutil::median;
+using benchutil::percentile;
 
 constexpr int kEntryBytes = 64;
 constexpr char kRawSocketPath[] = "/tmp/usbd-bench-raw-socket";
-constexpr char kEp3Path[] = "/dev/usb-ffs/bulk/ep3";
 constexpr auto kWarmUp = std::chrono::milliseconds(300);
 constexpr int kRounds = 4;
-
-std::string env(const char *name)
-{
-    const char *value = std::getenv(name);
-    return value ? value : "";
-}
-
-int run(const std::vector<std::string> &argv)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        // Their progress lines ("ready") are of no interest here; errors still show.
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(null, STDOUT_FILENO);
-        std::vector<char *> args;
-        for (const std::string &a : argv)
-            args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
-}
-
-pid_t startDaemon(const std::string &usbd)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int log = open("/tmp/usbd.log", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        dup2(log, STDOUT_FILENO);
-        dup2(log, STDERR_FILENO);
-        execl(usbd.c_str(), usbd.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    return pid;
-}
 
 struct ClientResult {
     std::vector<std::uint32_t> latenciesUs;
@@ -116,14 +79,6 @@ void runClient(const std::string &path, std::uint32_t firstId, Clock::time_point
     }
 }
 
-std::uint32_t percentile(const std::vector<std::uint32_t> &sorted, double p)
-{
-    if (sorted.empty())
-        return 0;
-    const std::size_t index = std::min(sorted.size() - 1, std::size_t(p / 100.0 * sorted.size()));
-    return sorted[index];
-}
-
 struct Figures {
     double requestsPerSecond = 0;
     std::uint32_t p50 = 0, p90 = 0, p99 = 0, p999 = 0, max = 0;
@@ -149,14 +104,13 @@ bool measure(const std::string &path, int clients, double seconds, Figures *figu
         }
         all.insert(all.end(), r.latenciesUs.begin(), r.latenciesUs.end());
     }
-    std::sort(all.begin(), all.end());
     const double elapsed = std::chrono::duration<double>(end - measureFrom).count();
     figures->requestsPerSecond = all.size() / elapsed;
     figures->p50 = percentile(all, 50);
     figures->p90 = percentile(all, 90);
     figures->p99 = percentile(all, 99);
     figures->p999 = percentile(all, 99.9);
-    figures->max = all.empty() ? 0 : all.back();
+    figures->max = all.empty() ? 0 : *std::max_element(all.begin(), all.end());
     return true;
 }
 
@@ -165,7 +119,7 @@ class RawServer {
 public:
     bool start()
     {
-        ep3_ = ::open(kEp3Path, O_RDWR | O_CLOEXEC);
+        ep3_ = ::open(usbd::kFfsEp3Path, O_RDWR | O_CLOEXEC);
         listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -205,30 +159,11 @@ private:
     }
     void serve(int client)
     {
-        std::uint8_t request[4096];
-        for (;;) {
-            const ssize_t n = ::read(client, request, sizeof request);
-            if (n < 8)
-                break;
-            std::uint32_t id, type, size, offset;
-            std::memcpy(&id, request + 4, 4);
-            std::int32_t status = 0;
-            for (std::size_t at = 8; at + 4 <= std::size_t(n); at += 28) {
-                std::memcpy(&type, request + at, 4);
-                if (type == 0 || at + 28 > std::size_t(n))
-                    break;
-                std::memcpy(&size, request + at + 4, 4);
-                std::memcpy(&offset, request + at + 8, 4);
-                if (type == 1 && std::uint64_t(offset) + size <= std::uint64_t(n)
-                    && ::write(ep3_, request + offset, size) != ssize_t(size))
-                    status = -1;
-            }
-            std::uint8_t response[8];
-            std::memcpy(response, &id, 4);
-            std::memcpy(response + 4, &status, 4);
-            if (::send(client, response, sizeof response, MSG_NOSIGNAL) != 8)
-                break;
-        }
+        minimalserver::serve(client, [this](const std::uint8_t *request,
+                                            const usbd::SocketRequestEntry &entry) {
+            return entry.type != usbd::kSocketEntryMemory
+                   || ::write(ep3_, request + entry.offset, entry.size) == ssize_t(entry.size);
+        });
         ::close(client);
     }
 
@@ -238,13 +173,6 @@ private:
     std::vector<std::thread> clients_; // only touched by the acceptor until it has ended
 };
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
 // Runs the daemon and the baseline in turns and prints the medians and the median ratios.
 bool compare(int clients, double seconds, int rounds)
 {
@@ -253,7 +181,7 @@ bool compare(int clients, double seconds, int rounds)
         Figures figures[2];
         for (int side = 0; side < 2; ++side) {
             const int which = round % 2 == 0 ? side : 1 - side;
-            if (!measure(which == 0 ? usbd::client::kDefaultSocketPath : kRawSocketPath, clients,
+            if (!measure(which == 0 ? usbd::kSocketPath : kRawSocketPath, clients,
                          seconds, &figures[which]))
                 return false;
         }
@@ -282,9 +210,9 @@ bool compare(int clients, double seconds, int rounds)
 
 int main(int argc, char **argv)
 {
-    const std::string usbd = env("USBD_BIN");
-    const std::string emuctl = env("USBD_EMUCTL_BIN");
-    const std::string name = env("USBD_EMU_NAME");
+    const std::string usbd = benchutil::env("USBD_BIN");
+    const std::string emuctl = benchutil::env("USBD_EMUCTL_BIN");
+    const std::string name = benchutil::env("USBD_EMU_NAME");
     if (usbd.empty() || emuctl.empty() || name.empty()) {
         std::fprintf(stderr, "socket-bench: run under usbd-emu with USBD_BIN, USBD_EMUCTL_BIN and "
                              "USBD_EMU_NAME set (scripts/bench-socket does)\n");
@@ -297,11 +225,12 @@ int main(int argc, char **argv)
     if (clientCounts.empty())
         clientCounts = {1, 16};
 
-    const pid_t daemon = startDaemon(usbd);
+    const pid_t daemon = benchutil::spawn({usbd}, "/tmp/usbd.log");
     Connection control;
-    bool ok = run({emuctl, "--name", name, "wait-ready", "--timeout", "10"}) == 0
-              && benchwait::connectWithin(&control, usbd::client::kDefaultSocketPath, std::chrono::seconds(10))
-              && run({emuctl, "--name", name, "plug"}) == 0 && benchwait::waitForLink(&control, std::chrono::seconds(10));
+    bool ok = benchutil::run({emuctl, "--name", name, "wait-ready", "--timeout", "10"}) == 0
+              && benchwait::connectWithin(&control, usbd::kSocketPath, std::chrono::seconds(10))
+              && benchutil::run({emuctl, "--name", name, "plug"}) == 0
+              && benchwait::waitForLink(&control, std::chrono::seconds(10));
     if (!ok)
         std::fprintf(stderr, "socket-bench: the daemon did not come up with a USB link\n");
     RawServer raw;
@@ -312,7 +241,6 @@ int main(int argc, char **argv)
     for (std::size_t i = 0; ok && i < clientCounts.size(); ++i)
         ok = compare(clientCounts[i], seconds, kRounds);
 
-    kill(daemon, SIGTERM);
-    waitpid(daemon, nullptr, 0);
+    benchutil::stop(daemon);
     return ok ? 0 : 1;
 }

@@ -1,6 +1,5 @@
 #include <usbd/client.h>
 
-#include <endian.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -10,33 +9,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include <usbd/little_endian.h>
+
 namespace usbd::client {
 namespace {
-
-constexpr std::uint32_t kKindSend = 1;
-constexpr std::uint32_t kKindInterrupt = 2;
-constexpr std::size_t kHeaderSize = 8;
-constexpr std::size_t kEntrySize = 28;
-constexpr std::size_t kEndEntrySize = 4; // only the end entry's type word is sent
-
-void putU32(std::uint8_t *p, std::uint32_t value)
-{
-    value = htole32(value);
-    std::memcpy(p, &value, sizeof value);
-}
-
-void putU64(std::uint8_t *p, std::uint64_t value)
-{
-    value = htole64(value);
-    std::memcpy(p, &value, sizeof value);
-}
-
-std::uint32_t getU32(const std::uint8_t *p)
-{
-    std::uint32_t value;
-    std::memcpy(&value, p, sizeof value);
-    return le32toh(value);
-}
 
 long long monotonicMs()
 {
@@ -71,7 +47,9 @@ SendRequest &SendRequest::addOther(std::uint32_t type)
 
 std::size_t SendRequest::encodedSize() const
 {
-    return kHeaderSize + entries_.size() * kEntrySize + kEndEntrySize + data_.size();
+    // Only the end entry's type word is sent.
+    return kSocketHeaderSize + entries_.size() * kSocketEntrySize + kSocketEndEntrySize +
+           data_.size();
 }
 
 std::size_t SendRequest::segmentCount() const
@@ -98,26 +76,27 @@ bool SendRequest::encode(std::vector<std::uint8_t> *out, std::string *error) con
         if (error)
             *error = "the request needs " + std::to_string(segmentCount()) +
                      " segments (one per entry, one more for its padding); the daemon sends at most " +
-                     std::to_string(kMaxSegments) + " in one request (32 entries, or 16 with padding)";
+                     std::to_string(kMaxSegments) + " in one request (" + std::to_string(kMaxSegments) +
+                     " entries, or " + std::to_string(kMaxSegments / 2) + " with padding)";
         return false;
     }
     out->assign(size, 0);
 
     std::uint8_t *p = out->data();
-    putU32(p, kKindSend);
-    putU32(p + 4, requestId_);
-    const std::size_t dataOffset = kHeaderSize + entries_.size() * kEntrySize + kEndEntrySize;
+    storeLe32(p + kSocketKindAt, kSocketKindSend);
+    storeLe32(p + kSocketRequestIdAt, requestId_);
+    const std::size_t dataOffset = size - data_.size();
     for (std::size_t i = 0; i < entries_.size(); ++i) {
         const Entry &e = entries_[i];
-        std::uint8_t *entry = p + kHeaderSize + i * kEntrySize;
-        putU32(entry, e.type);
-        putU32(entry + 4, e.size);
+        std::uint8_t *entry = p + kSocketHeaderSize + i * kSocketEntrySize;
+        storeLe32(entry + kSocketEntryTypeAt, e.type);
+        storeLe32(entry + kSocketEntrySizeAt, e.size);
         // Fits in 32 bits: the whole request is at most kMaxRequestSize bytes.
         const std::size_t offset = e.type == kEntryMemory ? dataOffset + e.dataStart : e.offset;
-        putU32(entry + 8, std::uint32_t(offset));
-        putU32(entry + 12, e.elementAlignment);
-        putU32(entry + 16, e.elementPadding);
-        putU64(entry + 20, e.handle);
+        storeLe32(entry + kSocketEntryOffsetAt, std::uint32_t(offset));
+        storeLe32(entry + kSocketEntryAlignmentAt, e.elementAlignment);
+        storeLe32(entry + kSocketEntryPaddingAt, e.elementPadding);
+        storeLe64(entry + kSocketEntryHandleAt, e.handle);
     }
     // The end entry's type word is already 0.
     if (!data_.empty())
@@ -134,8 +113,8 @@ std::vector<std::uint8_t> SendRequest::encode() const
 
 std::vector<std::uint8_t> encodeInterrupt()
 {
-    std::vector<std::uint8_t> out(kHeaderSize, 0);
-    putU32(out.data(), kKindInterrupt);
+    std::vector<std::uint8_t> out(kSocketHeaderSize, 0);
+    storeLe32(out.data() + kSocketKindAt, kSocketKindInterrupt);
     return out;
 }
 
@@ -143,8 +122,8 @@ bool decodeResponse(const std::uint8_t *data, std::size_t length, Response *resp
 {
     if (length < kResponseSize)
         return false;
-    response->requestId = getU32(data);
-    response->status = static_cast<std::int32_t>(getU32(data + 4));
+    response->requestId = loadLe32(data + kSocketResponseIdAt);
+    response->status = static_cast<std::int32_t>(loadLe32(data + kSocketResponseStatusAt));
     return true;
 }
 

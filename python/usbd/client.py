@@ -14,6 +14,8 @@ import socket
 import struct
 import time
 
+# The values below are the daemon's, from common/include/usbd/protocol.h in its source tree; the
+# client's tests hold this copy to them.
 DEFAULT_SOCKET_PATH = "/tmp/usbd-socket"
 MAX_REQUEST_SIZE = 4096
 RESPONSE_SIZE = 8

@@ -2,7 +2,6 @@
 
 import os
 import sys
-import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -57,22 +56,19 @@ class PythonClient(DaemonTestCase):
         wait_for(lambda: len(self.emu.capture()) - before >= len(expected), what="the bytes at the host")
         self.assertEqual(self.emu.capture()[before:], expected)
 
+    def wait_for_write_to_hang(self):
+        wait_for(lambda: self.emu.endpoint("ep3")["waiting"] > 0, what="the write to hang at the host")
+
     def test_interrupt_and_a_dropped_request(self):
         self.plug()
         client = self.connect()
         interrupter = self.connect()
         self.emu.ctl("stall")
         client.send(usbd.SendRequest(5).add_memory(b"x" * 1000))
-        # The worker may not have reached its write yet; interrupting an idle worker does nothing.
-        response = None
-        for _ in range(25):
-            interrupter.interrupt()
-            try:
-                response = client.receive(timeout=0.2)
-                break
-            except TimeoutError:
-                pass
-        self.assertEqual(response, usbd.Response(5, -1))
+        # An interrupt that finds no write blocked changes nothing, so it waits for the write.
+        self.wait_for_write_to_hang()
+        interrupter.interrupt()
+        self.assertEqual(client.receive(timeout=10), usbd.Response(5, -1))
         self.emu.ctl("release")
 
         # When the cable goes, the request in flight fails; one still queued fails at once or is
@@ -80,7 +76,7 @@ class PythonClient(DaemonTestCase):
         self.emu.ctl("stall")
         client.send(usbd.SendRequest(6).add_memory(b"held"))
         client.send(usbd.SendRequest(7).add_memory(b"queued"))
-        time.sleep(0.2)
+        self.wait_for_write_to_hang()
         self.emu.ctl("unplug")
         self.emu.ctl("release")
         answered = []

@@ -1,17 +1,54 @@
-"""The Python client's encoding, against the bytes the daemon expects and the C++ client's
-limits."""
+"""The Python client's encoding, against the bytes the daemon expects and the values of the
+protocol header that the daemon and the C++ client are built with."""
 
 import os
 import struct
+import subprocess
 import sys
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "..", "python"))
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "python"))
 
 import usbd  # noqa: E402
+from usbd import client as wire  # noqa: E402
+
+PROTOCOL_VALUES = os.environ.get("USBD_PROTOCOL_VALUES",
+                                 os.path.join(HERE, "..", "..", "build", "tests", "python", "protocol_values"))
 
 
 class Encoding(unittest.TestCase):
+
+    def test_the_clients_own_copy_of_the_protocol_values_is_the_daemons(self):
+        # The Python client cannot include the header, so it keeps a copy; this holds the copy to
+        # what the C++ side is compiled with.
+        lines = subprocess.run([PROTOCOL_VALUES], capture_output=True, text=True, check=True).stdout
+        header = dict(line.split(" ", 1) for line in lines.splitlines())
+        number = {name: int(value) for name, value in header.items() if name != "socket_path"}
+        self.assertEqual(usbd.DEFAULT_SOCKET_PATH, header["socket_path"])
+        self.assertEqual(usbd.MAX_REQUEST_SIZE, number["max_request_size"])
+        self.assertEqual(usbd.MAX_SEGMENTS, number["max_segments"])
+        self.assertEqual(usbd.RESPONSE_SIZE, number["response_size"])
+        self.assertEqual((usbd.ENTRY_END, usbd.ENTRY_MEMORY, usbd.ENTRY_HANDLE),
+                         (number["entry_end"], number["entry_memory"], number["entry_handle"]))
+        self.assertEqual((wire._KIND_SEND, wire._KIND_INTERRUPT),
+                         (number["kind_send"], number["kind_interrupt"]))
+        self.assertEqual(wire._END_ENTRY_SIZE, number["end_entry_size"])
+
+        def offsets(layout):
+            """Where each field of a struct layout starts, and its whole size."""
+            return [struct.calcsize(layout[:i]) for i in range(1, len(layout))], struct.calcsize(layout)
+
+        self.assertEqual(offsets(wire._HEADER.format),
+                         ([number["kind_at"], number["request_id_at"]], number["header_size"]))
+        self.assertEqual(offsets(wire._ENTRY.format),
+                         ([number[f"entry_{field}_at"]
+                           for field in ("type", "size", "offset", "alignment", "padding", "handle")],
+                          number["entry_size"]))
+        self.assertEqual(offsets(wire._RESPONSE.format),
+                         ([number["response_id_at"], number["response_status_at"]], number["response_size"]))
+        self.assertEqual(usbd.Response(1, number["status_sent"]).sent, True)
+        self.assertEqual(usbd.Response(1, number["status_failed"]).sent, False)
 
     def test_the_documented_example_and_its_answers(self):
         request = usbd.SendRequest(42).add_memory(b"hello").encode()

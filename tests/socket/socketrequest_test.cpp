@@ -2,12 +2,11 @@
 // and with hand-made bytes where the encoder would refuse to produce them.
 #include <gtest/gtest.h>
 
-#include <endian.h>
-
 #include <cstring>
 #include <vector>
 
 #include <usbd/client.h>
+#include <usbd/little_endian.h>
 
 #include "usbdsocketrequest.h"
 
@@ -27,8 +26,7 @@ SocketRequestKind parse(const Bytes &bytes, SocketRequest *request)
 
 void putU32(Bytes *bytes, std::size_t at, std::uint32_t value)
 {
-    value = htole32(value);
-    std::memcpy(bytes->data() + at, &value, 4);
+    usbd::storeLe32(bytes->data() + at, value);
 }
 
 // A send request with one memory entry whose size and offset fields are set by hand.

@@ -1,13 +1,24 @@
-// What usbdctl asks of the daemon: the maps it builds and the exit status of each failure.
+// What usbdctl asks of the daemon: the pieces and maps it builds, the numbers it reads, the
+// names it calls the daemon by, and the exit status of each failure.
 #include <gtest/gtest.h>
+
+#include <limits>
 
 #include <QDir>
 #include <QFile>
+#include <QMetaProperty>
 #include <QTemporaryDir>
 
+#include <usbd/dbusmaps.h>
+#include <usbd/protocol.h>
+
+#include "arguments.h"
+#include "progress.h"
 #include "requests.h"
+#include "usbdproxy.h"
 
 using namespace usbdctl;
+using usbd::dbusmaps::FilePiece;
 
 namespace {
 
@@ -45,14 +56,14 @@ TEST_F(FilePlan, WithoutASizeEachFileIsSentFromTheOffsetToItsOwnEnd)
     ASSERT_TRUE(planFilePieces({"hundred.bin", "ten.bin"}, options, &pieces, &error));
     ASSERT_EQ(pieces.size(), 2);
     EXPECT_EQ(pieces[0].offset, 4u);
-    EXPECT_EQ(pieces[0].size, 96);
-    EXPECT_EQ(pieces[1].size, 6);
+    EXPECT_EQ(pieces[0].size, 96u);
+    EXPECT_EQ(pieces[1].size, 6u);
     EXPECT_EQ(pieces[1].sessionId, 65535);
 
     // A range that ends exactly at the end of the file is whole.
     options.size = 6;
     ASSERT_TRUE(planFilePieces({"ten.bin"}, options, &pieces, &error));
-    EXPECT_EQ(pieces[0].size, 6);
+    EXPECT_EQ(pieces[0].size, 6u);
 }
 
 TEST_F(FilePlan, MissingFilesAndRangesOutsideAFileAreRefusedBeforeSending)
@@ -86,25 +97,61 @@ TEST_F(FilePlan, MissingFilesAndRangesOutsideAFileAreRefusedBeforeSending)
     EXPECT_EQ(error.exitCode, kExitUsage);
 }
 
-TEST(SendMaps, ValuesKeepTheirFullRange)
+TEST_F(FilePlan, TheDaemonReadsBackWhatWasPlannedWithEveryTypeItChecks)
 {
-    // The daemon refuses any other D-Bus type, which the system test would show; what it
-    // cannot show is a value above 2^31 turning negative on the way.
-    FilePiece piece;
-    piece.path = "/data/a.bin";
-    piece.offset = 0xFFFFFFF0u;
-    piece.size = 16;
-    piece.sessionId = 0xFFFF;
-    const QVariantMap file = fileMap(piece);
-    EXPECT_EQ(file.value("offset").toLongLong(), 0xFFFFFFF0ll);
-    EXPECT_EQ(file.value("session_id").toUInt(), 0xFFFFu);
+    // A value above 2^31 must not turn negative on the way, and each key must carry the type
+    // the daemon checks, or the whole request fails there.
+    QList<FilePiece> pieces;
+    PlanError error;
+    FileOptions options;
+    options.offset = 4;
+    options.elementPadding = std::numeric_limits<qint32>::max();
+    options.sessionId = 0xFFFF;
+    ASSERT_TRUE(planFilePieces({"hundred.bin"}, options, &pieces, &error));
+    // An offset as a large file has it (the plan itself checks it against the file's size).
+    pieces[0].offset = 0xFFFFFFF0u;
 
-    ShmPiece shm;
+    QList<QVariantMap> maps;
+    for (const FilePiece &piece : pieces)
+        maps.append(usbd::dbusmaps::fileMap(piece));
+    for (const usbd::dbusmaps::KeyType &key : usbd::dbusmaps::fileKeys())
+        EXPECT_EQ(maps[0].value(key.key).userType(), key.type) << key.key.toStdString();
+    QList<FilePiece> decoded;
+    ASSERT_TRUE(usbd::dbusmaps::decodeFileMaps(maps, &decoded));
+    ASSERT_EQ(decoded.size(), 1);
+    EXPECT_EQ(decoded[0].path, QDir(dir_.path()).filePath("hundred.bin"));
+    EXPECT_EQ(decoded[0].offset, 0xFFFFFFF0u);
+    EXPECT_EQ(decoded[0].size, 96u);
+    EXPECT_EQ(decoded[0].elementPadding, quint32(std::numeric_limits<qint32>::max()));
+    EXPECT_EQ(decoded[0].sessionId, 0xFFFF);
+
+    usbd::dbusmaps::ShmPiece shm;
     shm.handle = 0xFFFFFFFF00001000ull;
     shm.size = 0x80000000u;
-    const QVariantMap memory = shmMap(shm);
-    EXPECT_EQ(memory.value("handle").toULongLong(), 0xFFFFFFFF00001000ull);
-    EXPECT_EQ(memory.value("size").toLongLong(), 0x80000000ll);
+    shm.usePhysicalAddress = true;
+    QList<usbd::dbusmaps::ShmPiece> shmDecoded;
+    ASSERT_TRUE(usbd::dbusmaps::decodeShmMaps({usbd::dbusmaps::shmMap(shm)}, &shmDecoded));
+    EXPECT_EQ(shmDecoded[0].handle, shm.handle);
+    EXPECT_EQ(shmDecoded[0].size, shm.size);
+    EXPECT_TRUE(shmDecoded[0].usePhysicalAddress);
+
+    // One map without a key fails the request; the pieces before it are all that was read.
+    maps.append(maps[0]);
+    maps[1].remove(QStringLiteral("session_id"));
+    maps.append(maps[0]);
+    EXPECT_FALSE(usbd::dbusmaps::decodeFileMaps(maps, &decoded));
+    EXPECT_EQ(decoded.size(), 1);
+}
+
+TEST(DaemonInterface, UsbdctlCallsTheDaemonByTheNamesItOffers)
+{
+    // The proxy is generated from the interface file that the daemon's introspection is
+    // checked against; the properties usbdctl shows and the names it calls must be in it.
+    EXPECT_STREQ(UsbdProxy::staticInterfaceName(), usbd::kDBusInterface);
+    const QMetaObject &proxy = UsbdProxy::staticMetaObject;
+    for (const char *name : kPropertyOrder)
+        EXPECT_GE(proxy.indexOfProperty(name), 0) << name;
+    EXPECT_EQ(proxy.property(proxy.indexOfProperty("link_type")).userType(), QMetaType::Int);
 }
 
 TEST(ExitCodes, OnlyTheDaemonsOwnFailureReadsAsATransferProblem)
@@ -113,7 +160,7 @@ TEST(ExitCodes, OnlyTheDaemonsOwnFailureReadsAsATransferProblem)
     // "Failed" with another text comes from the bus or the library (for example a message that
     // could not be built), not from a transfer: it must not read as a link problem.
     const QString prefix = "org.freedesktop.DBus.Error.";
-    EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", kTransferFailedText), kExitTransferFailed);
+    EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", usbd::kFailedToSendText), kExitTransferFailed);
     EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", "Marshalling failed"), kExitOtherError);
     EXPECT_EQ(exitCodeForDBusError("com.example.AccessDenied", "x"), kExitOtherError);
 }
@@ -136,6 +183,27 @@ TEST(SocketEntries, HandleEntrysAndHexBytesRefuseWhatWouldBeTruncated)
     EXPECT_EQ(parseHex(""), QByteArray());
     EXPECT_FALSE(parseHex("abc"));
     EXPECT_FALSE(parseHex("zz"));
+}
+
+TEST(Numbers, DecimalAndHexNumbersAreReadWholeOrNotAtAll)
+{
+    EXPECT_EQ(parseUnsigned("010", 100), 10u); // people type sizes here, not octal
+    EXPECT_EQ(parseUnsigned(" 0x1F ", 100), 31u);
+    EXPECT_EQ(parseUnsigned("18446744073709551615", std::numeric_limits<quint64>::max()),
+              std::numeric_limits<quint64>::max());
+    for (const char *bad : {"", "0x", "-1", "+1", "1k", "0x0x1", "101", "18446744073709551616"})
+        EXPECT_FALSE(parseUnsigned(bad, 100)) << bad;
+}
+
+TEST(Progress, SizesChangeUnitAtEach1024AndTheSummaryGivesTheRate)
+{
+    EXPECT_EQ(formatBytes(1023), "1023 B");
+    EXPECT_EQ(formatBytes(1024), "1.00 KiB");
+    EXPECT_EQ(formatBytes(10 * 1024), "10.0 KiB");
+    EXPECT_EQ(formatBytes(quint64(1) << 50), "1024.0 TiB");
+    EXPECT_EQ(progressLine("receiving", 512, 1 << 20, 2.34), "receiving 512 B of 1.00 MiB, 2.3 s");
+    EXPECT_EQ(summaryLine("sent", 2 << 20, 2.0), "sent 2.00 MiB in 2.000 s (1.00 MiB/s)");
+    EXPECT_EQ(summaryLine("sent", 0, 0.0), "sent 0 B in 0.000 s");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "arguments.h"
 
 #include <algorithm>
+#include <charconv>
 
 namespace usbdctl {
 
@@ -108,14 +109,19 @@ bool parseArguments(const QStringList &args, const std::vector<OptionInfo> &opti
 
 std::optional<quint64> parseUnsigned(const QString &text, quint64 max)
 {
-    const QString trimmed = text.trimmed();
-    bool ok = false;
+    const QByteArray trimmed = text.trimmed().toLatin1();
+    const char *first = trimmed.constData();
+    const char *last = first + trimmed.size();
+    int base = 10;
+    if (trimmed.startsWith("0x") || trimmed.startsWith("0X")) {
+        first += 2;
+        base = 16;
+    }
+    // from_chars takes digits only: no sign, no space, no second prefix, and says when the
+    // value does not fit.
     quint64 value = 0;
-    if (trimmed.startsWith(QLatin1String("0x"), Qt::CaseInsensitive))
-        value = trimmed.mid(2).toULongLong(&ok, 16);
-    else if (!trimmed.isEmpty() && trimmed.at(0).isDigit())
-        value = trimmed.toULongLong(&ok, 10);
-    if (!ok || value > max)
+    const auto [end, error] = std::from_chars(first, last, value, base);
+    if (first == last || error != std::errc() || end != last || value > max)
         return std::nullopt;
     return value;
 }

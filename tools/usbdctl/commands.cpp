@@ -2,13 +2,18 @@
 
 #include <cstdio>
 
+#include <usbd/protocol.h>
+
 #include "requests.h"
 
 namespace usbdctl {
 
 namespace {
 
-OptionInfo timeoutOption(const char *what)
+constexpr quint64 kDefaultTimeoutSeconds = 60;
+constexpr quint64 kMaxTimeoutSeconds = 24 * 3600;
+
+OptionInfo timeoutHelp(const char *what)
 {
     return {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
             QStringLiteral("give up after SEC seconds without %1\n(default 60; exit status 7)")
@@ -24,7 +29,8 @@ const OptionInfo kSessionId{QStringLiteral("session-id"), QChar(), QStringLitera
                             QStringLiteral("session id of each piece, 0 to 65535 (default 0); it\n"
                                            "travels in the iOS link's frame header")};
 const OptionInfo kSocket{QStringLiteral("socket"), QChar(), QStringLiteral("PATH"),
-                         QStringLiteral("the daemon's request socket (default /tmp/usbd-socket)")};
+                         QStringLiteral("the daemon's request socket (default %1)")
+                             .arg(QLatin1String(usbd::kSocketPath))};
 
 } // namespace
 
@@ -77,7 +83,7 @@ const std::vector<Command> &commands()
           {QStringLiteral("length"), QChar(), QStringLiteral("N"),
            QStringLiteral("the length to ask for, 0 to 255 (default: all the bytes);\n"
                           "at most the number of bytes given")},
-          timeoutOption("an answer")},
+          timeoutHelp("an answer")},
          runSendData},
         {QStringLiteral("send-file"), QStringLiteral("FILE..."),
          QStringLiteral("send files or parts of them in one request (send_file)"),
@@ -98,7 +104,7 @@ const std::vector<Command> &commands()
           kAlignment,
           kPadding,
           kSessionId,
-          timeoutOption("an answer")},
+          timeoutHelp("an answer")},
          runSendFile},
         {QStringLiteral("send-shm"), QStringLiteral("FILE..."),
          QStringLiteral("copy files into shared memory and send it by handle (send_shm_data)"),
@@ -125,7 +131,7 @@ const std::vector<Command> &commands()
           kAlignment,
           kPadding,
           kSessionId,
-          timeoutOption("an answer")},
+          timeoutHelp("an answer")},
          runSendShm},
         {QStringLiteral("receive"), QStringLiteral("FILE SIZE"),
          QStringLiteral("write the next SIZE bytes from the host into FILE (open_file)"),
@@ -174,7 +180,7 @@ const std::vector<Command> &commands()
           {QStringLiteral("id"), QChar(), QStringLiteral("N"),
            QStringLiteral("the request id, echoed in the answer (default 1)")},
           kSocket,
-          timeoutOption("an answer")},
+          timeoutHelp("an answer")},
          runSocketSend},
         {QStringLiteral("interrupt"), QString(),
          QStringLiteral("interrupt the transfer's blocked write (over the request socket)"),
@@ -213,6 +219,29 @@ bool numberOption(const Arguments &arguments, const QString &name, quint64 max, 
     }
     *out = *value;
     return true;
+}
+
+bool timeoutOption(const Arguments &arguments, int *timeoutMs, int *exitCode)
+{
+    quint64 seconds = 0;
+    if (!numberOption(arguments, QStringLiteral("timeout"), kMaxTimeoutSeconds,
+                      kDefaultTimeoutSeconds, &seconds, exitCode))
+        return false;
+    if (seconds == 0) {
+        *exitCode = usageError(QStringLiteral("--timeout must be at least 1 second"));
+        return false;
+    }
+    *timeoutMs = int(seconds * 1000);
+    return true;
+}
+
+int reportNoAnswer(int timeoutMs)
+{
+    std::fprintf(stderr,
+                 "usbdctl: no answer from usbd within %.1f s: the transfer is still under way, "
+                 "or the request was dropped when the link changed\n",
+                 timeoutMs / 1000.0);
+    return kExitTimeout;
 }
 
 } // namespace usbdctl

@@ -38,4 +38,10 @@ int usageError(const QString &message);
 bool numberOption(const Arguments &arguments, const QString &name, quint64 max, quint64 fallback,
                   quint64 *out, int *exitCode);
 
+// Reads --timeout SEC (default 60, at least 1) as milliseconds.
+bool timeoutOption(const Arguments &arguments, int *timeoutMs, int *exitCode);
+
+// Prints that no answer came within timeoutMs and returns kExitTimeout.
+int reportNoAnswer(int timeoutMs);
+
 } // namespace usbdctl

@@ -4,11 +4,14 @@
 
 #include <QDBusArgument>
 #include <QDBusMetaType>
-#include <QDBusPendingCall>
 #include <QDBusPendingCallWatcher>
 #include <QDBusVariant>
 #include <QEventLoop>
 
+#include <usbd/protocol.h>
+
+#include "arguments.h"
+#include "commands.h"
 #include "progress.h"
 #include "requests.h"
 
@@ -22,13 +25,15 @@ constexpr int kQuietTimeoutMs = 1000;
 
 } // namespace
 
-DBusClient::DBusClient(bool sessionBus)
-    : session_(sessionBus),
-      connection_(sessionBus ? QDBusConnection::sessionBus() : QDBusConnection::systemBus())
+DBusClient::DBusClient(const Arguments &arguments)
+    : session_(arguments.has(QStringLiteral("session"))),
+      connection_(session_ ? QDBusConnection::sessionBus() : QDBusConnection::systemBus())
 {
     // The send methods take aa{sv}; QtDBus knows the element type but not the list of them.
     qDBusRegisterMetaType<QList<QVariantMap>>();
 }
+
+DBusClient::~DBusClient() = default;
 
 QString DBusClient::busName() const
 {
@@ -53,6 +58,15 @@ int DBusClient::connect()
     return kExitOtherError;
 }
 
+UsbdProxy &DBusClient::daemon(int timeoutMs)
+{
+    if (!daemon_)
+        daemon_ = std::make_unique<UsbdProxy>(QLatin1String(usbd::kDBusService),
+                                              QLatin1String(usbd::kDBusObjectPath), connection_);
+    daemon_->setTimeout(timeoutMs);
+    return *daemon_;
+}
+
 int DBusClient::reportTransferFailed(const QString &causes)
 {
     const std::optional<int> linkType = linkTypeQuietly();
@@ -75,21 +89,17 @@ int DBusClient::report(const QString &errorName, const QString &message, int tim
     const int code = exitCodeForDBusError(errorName, message);
     switch (code) {
     case kExitNotRunning:
-        std::fprintf(stderr, "usbdctl: usbd is not running: nothing owns %s on the %s\n", kService,
-                     qPrintable(busName()));
+        std::fprintf(stderr, "usbdctl: usbd is not running: nothing owns %s on the %s\n",
+                     usbd::kDBusService, qPrintable(busName()));
         break;
     case kExitAccessDenied:
         std::fprintf(stderr,
                      "usbdctl: access denied: the %s lets only root and members of the group "
                      "\"usbd\" use %s\n",
-                     qPrintable(busName()), kService);
+                     qPrintable(busName()), usbd::kDBusService);
         break;
     case kExitTimeout:
-        std::fprintf(stderr,
-                     "usbdctl: no answer from usbd within %.1f s: the transfer is still under way, "
-                     "or the request was dropped when the link changed\n",
-                     timeoutMs / 1000.0);
-        break;
+        return reportNoAnswer(timeoutMs);
     case kExitTransferFailed:
         return reportTransferFailed(causes);
     default:
@@ -99,25 +109,17 @@ int DBusClient::report(const QString &errorName, const QString &message, int tim
     return code;
 }
 
-int DBusClient::call(const QString &method, const QVariantList &arguments, int timeoutMs,
-                     Progress *progress, QDBusMessage *reply, const QString &causes)
+int DBusClient::finish(const QDBusPendingCall &call, int timeoutMs, Progress *progress,
+                       const QString &causes)
 {
-    QDBusMessage message = QDBusMessage::createMethodCall(QLatin1String(kService),
-                                                          QLatin1String(kObjectPath),
-                                                          QLatin1String(kInterface), method);
-    message.setArguments(arguments);
-
-    QDBusPendingCall pending = connection_.asyncCall(message, timeoutMs);
-    QDBusPendingCallWatcher watcher(pending);
+    QDBusPendingCallWatcher watcher(call);
+    if (progress)
+        progress->start();
     if (!watcher.isFinished()) {
         // A nested loop rather than waitForFinished(), so that the progress timer keeps firing.
         QEventLoop loop;
         QObject::connect(&watcher, &QDBusPendingCallWatcher::finished, &loop, &QEventLoop::quit);
-        if (progress)
-            progress->start();
         loop.exec();
-    } else if (progress) {
-        progress->start();
     }
 
     const QDBusMessage answer = watcher.reply();
@@ -126,18 +128,22 @@ int DBusClient::call(const QString &method, const QVariantList &arguments, int t
         progress->finish(succeeded);
     if (!succeeded)
         return report(answer.errorName(), answer.errorMessage(), timeoutMs, causes);
-    if (reply)
-        *reply = answer;
     return kExitOk;
+}
+
+QDBusMessage DBusClient::properties(const QString &method, const QVariantList &arguments,
+                                    int timeoutMs)
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(
+        QLatin1String(usbd::kDBusService), QLatin1String(usbd::kDBusObjectPath),
+        QLatin1String(kPropertiesInterface), method);
+    message.setArguments(QVariantList{QLatin1String(UsbdProxy::staticInterfaceName())} + arguments);
+    return connection_.call(message, QDBus::Block, timeoutMs);
 }
 
 int DBusClient::readProperties(QVariantMap *properties)
 {
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        QLatin1String(kService), QLatin1String(kObjectPath), QLatin1String(kPropertiesInterface),
-        QStringLiteral("GetAll"));
-    message << QString::fromLatin1(kInterface);
-    const QDBusMessage answer = connection_.call(message, QDBus::Block, kPropertyTimeoutMs);
+    const QDBusMessage answer = this->properties(QStringLiteral("GetAll"), {}, kPropertyTimeoutMs);
     if (answer.type() != QDBusMessage::ReplyMessage)
         return report(answer.errorName(), answer.errorMessage(), kPropertyTimeoutMs);
     if (answer.arguments().isEmpty())
@@ -148,11 +154,7 @@ int DBusClient::readProperties(QVariantMap *properties)
 
 int DBusClient::readProperty(const QString &name, QVariant *value)
 {
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        QLatin1String(kService), QLatin1String(kObjectPath), QLatin1String(kPropertiesInterface),
-        QStringLiteral("Get"));
-    message << QString::fromLatin1(kInterface) << name;
-    const QDBusMessage answer = connection_.call(message, QDBus::Block, kPropertyTimeoutMs);
+    const QDBusMessage answer = properties(QStringLiteral("Get"), {name}, kPropertyTimeoutMs);
     if (answer.type() != QDBusMessage::ReplyMessage)
         return report(answer.errorName(), answer.errorMessage(), kPropertyTimeoutMs);
     if (answer.arguments().isEmpty())
@@ -165,16 +167,21 @@ std::optional<int> DBusClient::linkTypeQuietly()
 {
     if (!connection_.isConnected())
         return std::nullopt;
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        QLatin1String(kService), QLatin1String(kObjectPath), QLatin1String(kPropertiesInterface),
-        QStringLiteral("Get"));
-    message << QString::fromLatin1(kInterface) << QStringLiteral("link_type");
-    const QDBusMessage answer = connection_.call(message, QDBus::Block, kQuietTimeoutMs);
+    const QDBusMessage answer = properties(QStringLiteral("Get"), {QStringLiteral("link_type")},
+                                           kQuietTimeoutMs);
     if (answer.type() != QDBusMessage::ReplyMessage || answer.arguments().isEmpty())
         return std::nullopt;
     bool ok = false;
     const int value = qvariant_cast<QDBusVariant>(answer.arguments().at(0)).variant().toInt(&ok);
     return ok ? std::optional<int>(value) : std::nullopt;
+}
+
+int withDBusClient(const Arguments &arguments, const std::function<int(DBusClient &)> &body)
+{
+    DBusClient client(arguments);
+    if (const int code = client.connect(); code != kExitOk)
+        return code;
+    return body(client);
 }
 
 } // namespace usbdctl

@@ -16,7 +16,10 @@
 #include <QTimer>
 
 #include <arvomemshare.h>
+#include <usbd/dbusmaps.h>
+#include <usbd/protocol.h>
 
+#include "arguments.h"
 #include "commands.h"
 #include "dbusclient.h"
 #include "progress.h"
@@ -26,27 +29,9 @@ namespace usbdctl {
 
 namespace {
 
-constexpr quint64 kDefaultTimeoutSeconds = 60;
-constexpr quint64 kMaxTimeoutSeconds = 24 * 3600;
 constexpr int kMaxSendDataBytes = 255;
 constexpr int kReceivePollMs = 100;
 constexpr int kConnectionCheckMs = 500;
-constexpr char kIonNode[] = "/dev/ion";
-
-// The order in which status and watch show the properties: the link first, since the other
-// two only mean something while there is one.
-const char *const kPropertyOrder[] = {"link_type", "usb_super_speed", "charge_current_max"};
-
-QString formatProperty(const QString &name, const QVariant &value)
-{
-    if (name == QLatin1String("link_type"))
-        return describeLinkType(value.toInt());
-    if (name == QLatin1String("usb_super_speed"))
-        return value.toBool() ? QStringLiteral("yes") : QStringLiteral("no");
-    if (name == QLatin1String("charge_current_max"))
-        return QStringLiteral("%1 mA").arg(value.toInt());
-    return value.toString();
-}
 
 QString timestamp()
 {
@@ -61,20 +46,6 @@ void printLine(const QString &line)
     std::fflush(stdout);
 }
 
-bool timeoutOption(const Arguments &arguments, int *timeoutMs, int *exitCode)
-{
-    quint64 seconds = 0;
-    if (!numberOption(arguments, QStringLiteral("timeout"), kMaxTimeoutSeconds,
-                      kDefaultTimeoutSeconds, &seconds, exitCode))
-        return false;
-    if (seconds == 0) {
-        *exitCode = usageError(QStringLiteral("--timeout must be at least 1 second"));
-        return false;
-    }
-    *timeoutMs = int(seconds * 1000);
-    return true;
-}
-
 // Prints property changes as they are announced, and the service leaving and coming back.
 class PropertyWatcher : public QObject {
     Q_OBJECT
@@ -84,7 +55,7 @@ public:
     bool subscribe()
     {
         return client_->connection().connect(
-            QLatin1String(kService), QLatin1String(kObjectPath),
+            QLatin1String(usbd::kDBusService), QLatin1String(usbd::kDBusObjectPath),
             QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"),
             this, SLOT(onPropertiesChanged(QString, QVariantMap, QStringList)));
     }
@@ -93,7 +64,7 @@ public slots:
     void onPropertiesChanged(const QString &interface, const QVariantMap &changed,
                              const QStringList &invalidated)
     {
-        if (interface != QLatin1String(kInterface))
+        if (interface != QLatin1String(UsbdProxy::staticInterfaceName()))
             return;
         for (auto it = changed.begin(); it != changed.end(); ++it)
             printChange(it.key(), it.value());
@@ -167,13 +138,6 @@ private:
     QVariantMap last_;
 };
 
-int sendMaps(DBusClient &client, const QString &method, const QList<QVariantMap> &maps,
-             quint64 totalBytes, int timeoutMs, const QString &causes)
-{
-    Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), totalBytes);
-    return client.call(method, {QVariant::fromValue(maps)}, timeoutMs, &progress, nullptr, causes);
-}
-
 bool readSmallFile(const QString &path, int limit, QByteArray *out, int *exitCode)
 {
     QFile file(path);
@@ -198,19 +162,18 @@ int runStatus(const Arguments &arguments)
 {
     if (!arguments.positionals().isEmpty())
         return usageError(QStringLiteral("status takes no arguments"));
-    DBusClient client(arguments.has(QStringLiteral("session")));
-    if (const int code = client.connect(); code != kExitOk)
-        return code;
-    QVariantMap properties;
-    if (const int code = client.readProperties(&properties); code != kExitOk)
-        return code;
-    for (const char *name : kPropertyOrder) {
-        const QString key = QLatin1String(name);
-        printLine(QStringLiteral("%1: %2").arg(key, properties.contains(key)
-                                                        ? formatProperty(key, properties.value(key))
-                                                        : QStringLiteral("(not offered)")));
-    }
-    return kExitOk;
+    return withDBusClient(arguments, [](DBusClient &client) {
+        QVariantMap properties;
+        if (const int code = client.readProperties(&properties); code != kExitOk)
+            return code;
+        for (const char *name : kPropertyOrder) {
+            const QString key = QLatin1String(name);
+            printLine(QStringLiteral("%1: %2").arg(key, properties.contains(key)
+                                                            ? formatProperty(key, properties.value(key))
+                                                            : QStringLiteral("(not offered)")));
+        }
+        return kExitOk;
+    });
 }
 
 int runWatch(const Arguments &arguments)
@@ -223,36 +186,36 @@ int runWatch(const Arguments &arguments)
                       &count, &exitCode))
         return exitCode;
 
-    DBusClient client(arguments.has(QStringLiteral("session")));
-    if (const int code = client.connect(); code != kExitOk)
-        return code;
-    PropertyWatcher watcher(&client, count);
-    // Subscribed before the current values are read: a change between the two is then printed
-    // after them rather than lost, and a reader that has seen the first values knows that
-    // every later change will reach it.
-    if (!watcher.subscribe()) {
-        std::fprintf(stderr, "usbdctl: cannot subscribe to property changes: %s\n",
-                     qPrintable(client.connection().lastError().message()));
-        return kExitOtherError;
-    }
-    QDBusServiceWatcher service(QLatin1String(kService), client.connection(),
-                                QDBusServiceWatcher::WatchForOwnerChange);
-    QObject::connect(&service, &QDBusServiceWatcher::serviceUnregistered, &watcher,
-                     &PropertyWatcher::onServiceGone);
-    // The bus's own goodbye when the connection drops, and a look now and then in case it is
-    // never delivered (a bus that simply vanishes).
-    client.connection().connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
-                                QStringLiteral("org.freedesktop.DBus.Local"),
-                                QStringLiteral("Disconnected"), &watcher, SLOT(onDisconnected()));
-    QTimer connectionCheck;
-    QObject::connect(&connectionCheck, &QTimer::timeout, &watcher, &PropertyWatcher::checkConnected);
-    connectionCheck.start(kConnectionCheckMs);
+    return withDBusClient(arguments, [count](DBusClient &client) {
+        PropertyWatcher watcher(&client, count);
+        // Subscribed before the current values are read: a change between the two is then
+        // printed after them rather than lost, and a reader that has seen the first values
+        // knows that every later change will reach it.
+        if (!watcher.subscribe()) {
+            std::fprintf(stderr, "usbdctl: cannot subscribe to property changes: %s\n",
+                         qPrintable(client.connection().lastError().message()));
+            return kExitOtherError;
+        }
+        QDBusServiceWatcher service(QLatin1String(usbd::kDBusService), client.connection(),
+                                    QDBusServiceWatcher::WatchForOwnerChange);
+        QObject::connect(&service, &QDBusServiceWatcher::serviceUnregistered, &watcher,
+                         &PropertyWatcher::onServiceGone);
+        // The bus's own goodbye when the connection drops, and a look now and then in case it
+        // is never delivered (a bus that simply vanishes).
+        client.connection().connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                                    QStringLiteral("org.freedesktop.DBus.Local"),
+                                    QStringLiteral("Disconnected"), &watcher, SLOT(onDisconnected()));
+        QTimer connectionCheck;
+        QObject::connect(&connectionCheck, &QTimer::timeout, &watcher,
+                         &PropertyWatcher::checkConnected);
+        connectionCheck.start(kConnectionCheckMs);
 
-    QVariantMap properties;
-    if (const int code = client.readProperties(&properties); code != kExitOk)
-        return code;
-    watcher.printInitial(properties);
-    return QCoreApplication::exec();
+        QVariantMap properties;
+        if (const int code = client.readProperties(&properties); code != kExitOk)
+            return code;
+        watcher.printInitial(properties);
+        return QCoreApplication::exec();
+    });
 }
 
 int runSendData(const Arguments &arguments)
@@ -290,12 +253,11 @@ int runSendData(const Arguments &arguments)
     if (!timeoutOption(arguments, &timeoutMs, &exitCode))
         return exitCode;
 
-    DBusClient client(arguments.has(QStringLiteral("session")));
-    if (const int code = client.connect(); code != kExitOk)
-        return code;
-    Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), length);
-    return client.call(QStringLiteral("send_data"),
-                       {data, QVariant::fromValue<uchar>(uchar(length))}, timeoutMs, &progress);
+    return withDBusClient(arguments, [&](DBusClient &client) {
+        Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), length);
+        return client.finish(client.daemon(timeoutMs).send_data(data, uchar(length)), timeoutMs,
+                             &progress);
+    });
 }
 
 int runSendFile(const Arguments &arguments)
@@ -331,7 +293,7 @@ int runSendFile(const Arguments &arguments)
     if (!timeoutOption(arguments, &timeoutMs, &exitCode))
         return exitCode;
 
-    QList<FilePiece> pieces;
+    QList<usbd::dbusmaps::FilePiece> pieces;
     PlanError error;
     if (!planFilePieces(arguments.positionals(), options, &pieces, &error)) {
         std::fprintf(stderr, "usbdctl: %s\n", qPrintable(error.message));
@@ -339,18 +301,19 @@ int runSendFile(const Arguments &arguments)
     }
     QList<QVariantMap> maps;
     quint64 total = 0;
-    for (const FilePiece &piece : pieces) {
-        maps.append(fileMap(piece));
+    for (const usbd::dbusmaps::FilePiece &piece : pieces) {
+        maps.append(usbd::dbusmaps::fileMap(piece));
         total += quint64(piece.size) + quint64(piece.elementPadding);
     }
 
-    DBusClient client(arguments.has(QStringLiteral("session")));
-    if (const int code = client.connect(); code != kExitOk)
-        return code;
-    return sendMaps(client, QStringLiteral("send_file"), maps, total, timeoutMs,
-                    QStringLiteral("it opens each file itself, by its absolute path, so a file it "
-                                   "cannot see or read there fails the request, as does a file that "
-                                   "changed size; or the transfer broke off"));
+    return withDBusClient(arguments, [&](DBusClient &client) {
+        Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), total);
+        return client.finish(client.daemon(timeoutMs).send_file(maps), timeoutMs, &progress,
+                             QStringLiteral("it opens each file itself, by its absolute path, so a "
+                                            "file it cannot see or read there fails the request, as "
+                                            "does a file that changed size; or the transfer broke "
+                                            "off"));
+    });
 }
 
 int runSendShm(const Arguments &arguments)
@@ -372,11 +335,11 @@ int runSendShm(const Arguments &arguments)
 
     // Checked first: the memory layer ends the process when it cannot open the allocator, and
     // a missing node deserves a sentence, not an abort.
-    if (!QFileInfo::exists(QLatin1String(kIonNode))) {
+    if (!QFileInfo::exists(QLatin1String(usbd::kIonDevicePath))) {
         std::fprintf(stderr,
                      "usbdctl: shared memory needs %s, which this system does not have (on a "
                      "development machine it exists inside the device emulator only)\n",
-                     kIonNode);
+                     usbd::kIonDevicePath);
         return kExitOtherError;
     }
 
@@ -419,11 +382,11 @@ int runSendShm(const Arguments &arguments)
         }
         // Written through the CPU, read by the device: make it visible there.
         memory->sync();
-        ShmPiece piece;
+        usbd::dbusmaps::ShmPiece piece;
         piece.handle = memory->shareHandle();
         piece.size = size;
-        piece.elementAlignment = qint32(alignment);
-        piece.elementPadding = qint32(padding);
+        piece.elementAlignment = quint32(alignment);
+        piece.elementPadding = quint32(padding);
         // Only the flag: the daemon picks the address itself (see the option's help).
         piece.usePhysicalAddress = !arguments.has(QStringLiteral("virtual"));
         piece.sessionId = quint16(sessionId);
@@ -431,17 +394,17 @@ int runSendShm(const Arguments &arguments)
             std::fprintf(stderr, "usbdctl: cannot share the memory for %s\n", qPrintable(info.filePath()));
             return kExitOtherError;
         }
-        maps.append(shmMap(piece));
+        maps.append(usbd::dbusmaps::shmMap(piece));
         total += quint64(size) + padding;
         memories.push_back(std::move(memory));
     }
 
-    DBusClient client(arguments.has(QStringLiteral("session")));
-    if (const int code = client.connect(); code != kExitOk)
-        return code;
-    return sendMaps(client, QStringLiteral("send_shm_data"), maps, total, timeoutMs,
-                    QStringLiteral("it could not import the shared memory of this process, or the "
-                                   "transfer broke off"));
+    return withDBusClient(arguments, [&](DBusClient &client) {
+        Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), total);
+        return client.finish(client.daemon(timeoutMs).send_shm_data(maps), timeoutMs, &progress,
+                             QStringLiteral("it could not import the shared memory of this "
+                                            "process, or the transfer broke off"));
+    });
 }
 
 int runReceive(const Arguments &arguments)
@@ -478,16 +441,12 @@ int runReceive(const Arguments &arguments)
         }
     }
 
-    DBusClient client(arguments.has(QStringLiteral("session")));
-    if (const int code = client.connect(); code != kExitOk)
-        return code;
-    if (const int code = client.call(QStringLiteral("open_file"),
-                                     {path, int(*size), QVariant::fromValue<uint>(uint(timeMs))},
-                                     timeoutMs);
-        code != kExitOk)
-        return code;
-    if (!wait)
-        return kExitOk;
+    const int answered = withDBusClient(arguments, [&](DBusClient &client) {
+        return client.finish(client.daemon(timeoutMs).open_file(path, int(*size), uint(timeMs)),
+                             timeoutMs);
+    });
+    if (answered != kExitOk || !wait)
+        return answered;
 
     // The daemon answers before the first byte arrives and reports nothing later, so the file
     // itself is the only sign of progress.

@@ -5,8 +5,7 @@
 
 #include <QFileInfo>
 
-#include <ostr/CUsbD.h>
-#include <usbd/client.h>
+#include <usbd/protocol.h>
 
 #include "arguments.h"
 
@@ -39,6 +38,17 @@ QString describeLinkType(int linkType)
     return QStringLiteral("%1 (%2)").arg(linkTypeName(linkType)).arg(linkType);
 }
 
+QString formatProperty(const QString &name, const QVariant &value)
+{
+    if (name == QLatin1String("link_type"))
+        return describeLinkType(value.toInt());
+    if (name == QLatin1String("usb_super_speed"))
+        return value.toBool() ? QStringLiteral("yes") : QStringLiteral("no");
+    if (name == QLatin1String("charge_current_max"))
+        return QStringLiteral("%1 mA").arg(value.toInt());
+    return value.toString();
+}
+
 int exitCodeForDBusError(const QString &errorName, const QString &message)
 {
     if (!errorName.startsWith(QLatin1String(kErrorPrefix)))
@@ -53,30 +63,18 @@ int exitCodeForDBusError(const QString &errorName, const QString &message)
         return kExitTimeout;
     // Failed is also what a bus or a library may answer for problems of its own; only the
     // daemon's own text means that the transfer itself went wrong.
-    if (name == QLatin1String("Failed") && message == QLatin1String(kTransferFailedText))
+    if (name == QLatin1String("Failed") && message == QLatin1String(usbd::kFailedToSendText))
         return kExitTransferFailed;
     return kExitOtherError;
 }
 
-QVariantMap fileMap(const FilePiece &piece)
-{
-    QVariantMap map;
-    map.insert(CUsbD::tagPath(), piece.path);
-    map.insert(CUsbD::tagOffset(), qlonglong(piece.offset));
-    map.insert(CUsbD::tagSize(), int(piece.size));
-    map.insert(CUsbD::tagElementAlignment(), int(piece.elementAlignment));
-    map.insert(CUsbD::tagElementPadding(), int(piece.elementPadding));
-    map.insert(CUsbD::tagSessionId(), QVariant::fromValue<ushort>(piece.sessionId));
-    return map;
-}
-
-bool planFilePieces(const QStringList &files, const FileOptions &options, QList<FilePiece> *out,
-                    PlanError *error)
+bool planFilePieces(const QStringList &files, const FileOptions &options,
+                    QList<usbd::dbusmaps::FilePiece> *out, PlanError *error)
 {
     constexpr quint64 kMaxOffset = std::numeric_limits<quint32>::max();
     constexpr quint64 kMaxSize = std::numeric_limits<qint32>::max();
 
-    QList<FilePiece> pieces;
+    QList<usbd::dbusmaps::FilePiece> pieces;
     for (const QString &file : files) {
         const QFileInfo info(file);
         if (!info.exists()) {
@@ -122,12 +120,12 @@ bool planFilePieces(const QStringList &files, const FileOptions &options, QList<
                                       .arg(file).arg(size).arg(kMaxSize)};
             return false;
         }
-        FilePiece piece;
+        usbd::dbusmaps::FilePiece piece;
         piece.path = info.absoluteFilePath();
         piece.offset = quint32(offset);
-        piece.size = qint32(size);
-        piece.elementAlignment = qint32(options.elementAlignment);
-        piece.elementPadding = qint32(options.elementPadding);
+        piece.size = quint32(size);
+        piece.elementAlignment = options.elementAlignment;
+        piece.elementPadding = options.elementPadding;
         piece.sessionId = options.sessionId;
         pieces.append(piece);
     }
@@ -139,8 +137,8 @@ bool planFilePieces(const QStringList &files, const FileOptions &options, QList<
 
 bool checkSegments(int pieces, quint32 elementPadding, PlanError *error)
 {
-    const std::size_t segments = std::size_t(pieces) * usbd::client::segmentsOf(elementPadding);
-    if (segments <= usbd::client::kMaxSegments)
+    const std::size_t segments = std::size_t(pieces) * usbd::segmentsOf(elementPadding);
+    if (segments <= usbd::kMaxSegments)
         return true;
     *error = {kExitUsage,
               QStringLiteral("%1 pieces%2 need %3 segments; usbd sends at most %4 in one request "
@@ -148,21 +146,9 @@ bool checkSegments(int pieces, quint32 elementPadding, PlanError *error)
                   .arg(pieces)
                   .arg(elementPadding ? QStringLiteral(" with padding") : QString())
                   .arg(segments)
-                  .arg(usbd::client::kMaxSegments)
-                  .arg(usbd::client::kMaxSegments / 2)};
+                  .arg(usbd::kMaxSegments)
+                  .arg(usbd::kMaxSegments / 2)};
     return false;
-}
-
-QVariantMap shmMap(const ShmPiece &piece)
-{
-    QVariantMap map;
-    map.insert(CUsbD::tagHandle(), qulonglong(piece.handle));
-    map.insert(CUsbD::tagSize(), qlonglong(piece.size));
-    map.insert(CUsbD::tagElementAlignment(), int(piece.elementAlignment));
-    map.insert(CUsbD::tagElementPadding(), int(piece.elementPadding));
-    map.insert(CUsbD::tagUsePhysicalAddress(), piece.usePhysicalAddress);
-    map.insert(CUsbD::tagSessionId(), QVariant::fromValue<ushort>(piece.sessionId));
-    return map;
 }
 
 std::optional<HandleEntry> parseHandleEntry(const QString &text)
@@ -189,20 +175,6 @@ std::optional<QByteArray> parseHex(const QString &text)
             return std::nullopt;
     }
     return QByteArray::fromHex(digits.toLatin1());
-}
-
-QString formatBytes(quint64 bytes)
-{
-    if (bytes < 1024)
-        return QStringLiteral("%1 B").arg(bytes);
-    static const char *const kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
-    double value = double(bytes) / 1024.0;
-    int unit = 0;
-    while (value >= 1024.0 && unit < 3) {
-        value /= 1024.0;
-        ++unit;
-    }
-    return QStringLiteral("%1 %2").arg(value, 0, 'f', value < 10 ? 2 : 1).arg(QLatin1String(kUnits[unit]));
 }
 
 } // namespace usbdctl

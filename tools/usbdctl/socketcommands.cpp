@@ -1,5 +1,7 @@
 // The commands that talk to the daemon over its request socket.
 
+#include <sys/un.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -10,7 +12,9 @@
 #include <QFile>
 
 #include <usbd/client.h>
+#include <usbd/protocol.h>
 
+#include "arguments.h"
 #include "commands.h"
 #include "dbusclient.h"
 #include "progress.h"
@@ -20,8 +24,6 @@ namespace usbdctl {
 
 namespace {
 
-constexpr quint64 kDefaultTimeoutSeconds = 60;
-constexpr quint64 kMaxTimeoutSeconds = 24 * 3600;
 constexpr int kPollSliceMs = 200;
 // How long interrupt waits for the daemon to take the request off the connection.
 constexpr int kInterruptReadMs = 2000;
@@ -29,7 +31,7 @@ constexpr int kInterruptReadMs = 2000;
 QString socketPath(const Arguments &arguments)
 {
     return arguments.has(QStringLiteral("socket")) ? arguments.value(QStringLiteral("socket"))
-                                                   : QString::fromLatin1(usbd::client::kDefaultSocketPath);
+                                                   : QString::fromLatin1(usbd::kSocketPath);
 }
 
 int reportSocketError(int error, const QString &path, const char *what)
@@ -55,7 +57,7 @@ int reportSocketError(int error, const QString &path, const char *what)
 
 int connectTo(usbd::client::Connection *connection, const QString &path)
 {
-    if (path.toLocal8Bit().size() >= 108) {
+    if (std::size_t(path.toLocal8Bit().size()) >= sizeof(sockaddr_un::sun_path)) {
         std::fprintf(stderr, "usbdctl: socket path too long: %s\n", qPrintable(path));
         return kExitUsage;
     }
@@ -70,16 +72,14 @@ int runSocketSend(const Arguments &arguments)
     if (!arguments.positionals().isEmpty())
         return usageError(QStringLiteral("socket-send takes its entries as options (--text, --hex, --file, --handle)"));
     int exitCode = kExitOk;
-    quint64 requestId = 0, alignment = 0, padding = 0, timeoutSeconds = 0;
+    quint64 requestId = 0, alignment = 0, padding = 0;
+    int timeoutMs = 0;
     const quint64 kMax32 = std::numeric_limits<quint32>::max();
     if (!numberOption(arguments, QStringLiteral("id"), kMax32, 1, &requestId, &exitCode) ||
         !numberOption(arguments, QStringLiteral("alignment"), kMax32, 0, &alignment, &exitCode) ||
         !numberOption(arguments, QStringLiteral("padding"), kMax32, 0, &padding, &exitCode) ||
-        !numberOption(arguments, QStringLiteral("timeout"), kMaxTimeoutSeconds, kDefaultTimeoutSeconds,
-                      &timeoutSeconds, &exitCode))
+        !timeoutOption(arguments, &timeoutMs, &exitCode))
         return exitCode;
-    if (timeoutSeconds == 0)
-        return usageError(QStringLiteral("--timeout must be at least 1 second"));
 
     // Entries go out in the order of the options, which is why they are read in command-line
     // order rather than per option.
@@ -137,7 +137,6 @@ int runSocketSend(const Arguments &arguments)
     progress.start();
     QElapsedTimer clock;
     clock.start();
-    const qint64 timeoutMs = qint64(timeoutSeconds) * 1000;
     usbd::client::Response response;
     int result = -ETIMEDOUT;
     // Waited for in slices so that the progress line keeps moving.
@@ -149,13 +148,8 @@ int runSocketSend(const Arguments &arguments)
         QCoreApplication::processEvents();
     }
     progress.finish(result == 0 && response.sent());
-    if (result == -ETIMEDOUT) {
-        std::fprintf(stderr,
-                     "usbdctl: no answer from usbd within %.1f s: the transfer is still under way, "
-                     "or the request was dropped when the link changed\n",
-                     double(timeoutMs) / 1000.0);
-        return kExitTimeout;
-    }
+    if (result == -ETIMEDOUT)
+        return reportNoAnswer(timeoutMs);
     if (result != 0)
         return reportSocketError(result, path, "before answering");
     if (response.requestId != quint32(requestId)) {
@@ -166,7 +160,7 @@ int runSocketSend(const Arguments &arguments)
     if (response.sent())
         return kExitOk;
 
-    DBusClient client(arguments.has(QStringLiteral("session")));
+    DBusClient client(arguments);
     return client.reportTransferFailed(
         QStringLiteral("a shared-memory handle it could not import, or the transfer broke off"));
 }

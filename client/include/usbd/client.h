@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
+#include <usbd/protocol.h>
 #include <usbd/unique_fd.h>
 
 // Client side of the daemon's local request socket: encodes send and interrupt requests,
-// decodes responses, and offers a small blocking connection.
+// decodes responses, and offers a small blocking connection. The byte layout and the limits are
+// the daemon's own, from <usbd/protocol.h>.
 //
 // A send request answers with one 8-byte response (request id, status 0 sent / -1 failed) once
 // the daemon has transferred it; responses on one connection come in the order of the requests.
@@ -17,23 +19,20 @@
 // takes every read as one whole request.
 namespace usbd::client {
 
-constexpr char kDefaultSocketPath[] = "/tmp/usbd-socket";
-constexpr std::size_t kMaxRequestSize = 4096;
-constexpr std::size_t kResponseSize = 8;
+inline constexpr const auto &kDefaultSocketPath = usbd::kSocketPath;
+constexpr std::size_t kMaxRequestSize = usbd::kSocketMaxRequestSize;
+constexpr std::size_t kResponseSize = usbd::kSocketResponseSize;
 
-// The daemon hands a request to the USB endpoint in at most kMaxSegments pieces: one for the
-// data of each memory or handle entry and one more for its padding when that is not 0, so 32
-// entries without padding or 16 with. It finds a longer request out only when it comes to send
-// it and then answers -1, which looks like a broken link; encode() refuses one instead.
-constexpr std::size_t kMaxSegments = 32;
-
-// The segments one memory or handle entry (or D-Bus piece) takes.
-constexpr std::size_t segmentsOf(std::uint32_t elementPadding) { return elementPadding ? 2 : 1; }
+// The daemon sends a request in at most kMaxSegments pieces (see usbd::kMaxSegments). It finds
+// a longer request out only when it comes to send it and then answers -1, which looks like a
+// broken link; encode() refuses one instead.
+constexpr std::size_t kMaxSegments = usbd::kMaxSegments;
+using usbd::segmentsOf;
 
 // Entry types of a send request. Any other type is skipped by the daemon.
-constexpr std::uint32_t kEntryEnd = 0;
-constexpr std::uint32_t kEntryMemory = 1;
-constexpr std::uint32_t kEntryHandle = 2;
+constexpr std::uint32_t kEntryEnd = usbd::kSocketEntryEnd;
+constexpr std::uint32_t kEntryMemory = usbd::kSocketEntryMemory;
+constexpr std::uint32_t kEntryHandle = usbd::kSocketEntryHandle;
 
 // A send request being put together. Entries go out in the order they are added; the data of
 // memory entries is placed after the end entry, in the same order.

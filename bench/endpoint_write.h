@@ -2,23 +2,29 @@
 // there, which is also what the daemon does. Calls of at most 32 entries and 8 MiB, short writes
 // continued; and on ENOMEM the call size halves (down to 16 KiB) and stays halved, because the
 // real kernel's FunctionFS copies each call into one contiguous kernel buffer and a controller
-// without scatter-gather (dummy_hcd) cannot get one of 8 MiB. Shared by e2e_bench and
-// e2e_minimal, so that both minimal sides pay the same for it.
+// without scatter-gather (dummy_hcd) cannot get one of 8 MiB. Shared by every benchmark's
+// minimal side, so that they all pay the same for it.
 #pragma once
 
+#include <sys/ioctl.h>
 #include <sys/uio.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
-namespace e2ebench {
+#include <usbd/protocol.h>
+
+namespace endpointwrite {
 
 constexpr std::size_t kMaxBytesPerCall = 8 * 1024 * 1024;
 constexpr std::size_t kMinBytesPerCall = 16 * 1024;
-constexpr int kMaxEntriesPerCall = 32;
+constexpr int kMaxEntriesPerCall = int(usbd::kMaxSegments);
+// The platform FunctionFS driver's endpoint request: send from a physical address.
+constexpr unsigned long kPhysicalTransfer = 0x6706;
 
 // The call size that the endpoint took last; one for the whole process, as in the daemon.
 inline std::atomic<std::size_t> &callLimit()
@@ -61,4 +67,22 @@ inline bool writeSegments(int fd, const std::vector<iovec> &segments)
     return true;
 }
 
-} // namespace e2ebench
+// Hands size bytes from a physical address to the endpoint, in calls of at most 8 MiB. A stock
+// FunctionFS has no such request: then *unsupported (if given) is set, before any byte went.
+inline bool writePhysical(int fd, std::uint32_t address, std::size_t size, bool *unsupported = nullptr)
+{
+    for (std::size_t done = 0; done < size;) {
+        struct {
+            std::uint32_t address, length;
+        } record{std::uint32_t(address + done), std::uint32_t(std::min(size - done, kMaxBytesPerCall))};
+        const int sent = ::ioctl(fd, kPhysicalTransfer, &record);
+        if (sent < 0 && errno == ENOTTY && done == 0 && unsupported)
+            *unsupported = true;
+        if (sent <= 0)
+            return false;
+        done += std::size_t(sent);
+    }
+    return true;
+}
+
+} // namespace endpointwrite

@@ -3,9 +3,9 @@ small blocking connection. Python standard library only.
 
 A send request is answered with one 8-byte response (request id, status 0 sent / -1 failed)
 once the daemon has transferred it; responses on one connection come in the order of the
-requests. An interrupt request makes the daemon abort the transfer in progress and is never
-answered. The daemon takes every read as one whole request, so each request must reach it in
-one write of at most MAX_REQUEST_SIZE bytes.
+requests. An interrupt request makes the daemon signal its transfer thread once, which fails a
+USB write blocked at that moment, and is never answered. The daemon takes every read as one
+whole request, so each request must reach it in one write of at most MAX_REQUEST_SIZE bytes.
 """
 
 import errno

@@ -14,7 +14,8 @@
 //
 // A send request answers with one 8-byte response (request id, status 0 sent / -1 failed) once
 // the daemon has transferred it; responses on one connection come in the order of the requests.
-// An interrupt request makes the daemon abort the transfer in progress and is never answered.
+// An interrupt request makes the daemon signal its transfer thread once, which fails a USB write
+// blocked at that moment; it is never answered.
 // Each request must reach the daemon in one write of at most kMaxRequestSize bytes: the daemon
 // takes every read as one whole request.
 namespace usbd::client {

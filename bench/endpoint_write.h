@@ -23,8 +23,7 @@ namespace endpointwrite {
 constexpr std::size_t kMaxBytesPerCall = 8 * 1024 * 1024;
 constexpr std::size_t kMinBytesPerCall = 16 * 1024;
 constexpr int kMaxEntriesPerCall = int(usbd::kMaxSegments);
-// The platform FunctionFS driver's endpoint request: send from a physical address.
-constexpr unsigned long kPhysicalTransfer = 0x6706;
+constexpr unsigned long kPhysicalTransfer = usbd::kPhysTransferIoctl;
 
 // The call size that the endpoint took last; one for the whole process, as in the daemon.
 inline std::atomic<std::size_t> &callLimit()

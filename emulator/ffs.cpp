@@ -4,6 +4,7 @@
 
 #include <arvo_hal.h>
 #include <arvo_hal_sim.h>
+#include <usbd/protocol.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -39,7 +40,7 @@ struct OpenReply {
 
 // The platform driver's endpoint request that hands it a physical address to send from
 // (_IO('g', 6)); the argument points to {u32 address, u32 length}, little-endian.
-constexpr unsigned kPhysTransferIoctl = 0x6706;
+constexpr unsigned kPhysTransferIoctl = usbd::kPhysTransferIoctl;
 
 // What the kernel answers for a file without its own poll.
 constexpr unsigned kDefaultPollMask = POLLIN | POLLOUT | POLLRDNORM | POLLWRNORM;

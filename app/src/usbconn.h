@@ -16,18 +16,14 @@ constexpr quint32 kUsbMaxBytesPerCall = 0x800000;
 // Smallest call the transport falls back to when the endpoint cannot take larger ones (ENOMEM).
 constexpr quint32 kUsbMinBytesPerCall = 16384;
 // The platform FunctionFS driver's endpoint request: send from a physical address, _IO('g', 6).
-constexpr unsigned long kUsbPhysTransferIoctl = 0x6706;
+constexpr unsigned long kUsbPhysTransferIoctl = usbd::kPhysTransferIoctl;
 
 // Largest padding a buffer may ask for: the D-Bus interface carries it as a signed 32-bit count,
 // so anything larger is a negative number that no client can mean.
 constexpr quint32 kUsbMaxPadding = 0x7FFFFFFF;
 
 // Argument of kUsbPhysTransferIoctl.
-struct __attribute__((packed)) UsbPhysTransfer {
-    uint32_t physicalAddress;
-    uint32_t length;
-};
-static_assert(sizeof(UsbPhysTransfer) == 8, "UsbPhysTransfer is an 8-byte record");
+using UsbPhysTransfer = usbd::PhysTransferRecord;
 
 // Sends requests on the USB link over the bulk IN endpoint, zero-copy: scatter-gather writev
 // from the buffers' own memory, padding from one zero block, and single-entry calls with a

@@ -37,7 +37,7 @@ using namespace std::chrono_literals;
 
 constexpr char kCapture[] = "/tmp/ep3.capture";
 constexpr char kUdc[] = "/sys/class/udc/emu-udc.0/";
-constexpr unsigned long kPhysIoctl = 0x6706;
+constexpr unsigned long kPhysIoctl = usbd::kPhysTransferIoctl;
 constexpr size_t kMiB = 1024 * 1024;
 
 struct Result {

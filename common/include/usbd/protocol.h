@@ -28,6 +28,18 @@ constexpr char kDBusService[] = "com.korvane.usbd";
 constexpr char kDBusObjectPath[] = "/com/korvane/usbd";
 constexpr char kDBusInterface[] = "com.korvane.usbd";
 
+// ---- the platform's FunctionFS endpoint request ----
+
+// Send from a physical address: _IO('g', 6), number 6 of the FunctionFS ioctl type 'g'. An
+// extension of the platform's FunctionFS driver (a stock kernel answers ENOTTY); the emulator
+// models it. Its argument points to a PhysTransferRecord, little-endian.
+constexpr unsigned long kPhysTransferIoctl = 0x6706;
+struct __attribute__((packed)) PhysTransferRecord {
+    std::uint32_t physicalAddress; // of the first byte to send
+    std::uint32_t length;          // bytes to send from there
+};
+static_assert(sizeof(PhysTransferRecord) == 8, "the physical-address record is 8 bytes");
+
 // ---- what a request may hold ----
 
 // The daemon hands one request to the USB endpoint in at most this many segments: one for the

@@ -1,5 +1,7 @@
 // Turning the D-Bus send calls into transfer requests.
 
+#include <memory>
+
 #include <usbd/dbusmaps.h>
 
 #include "usbd.h"
@@ -25,53 +27,53 @@ UsbDBuffer *makeBuffer(const ShmPiece &piece)
                                     piece.sessionId, nullptr);
 }
 
-// Queues one request of the decoded pieces, or, when a map failed its checks (decoded false),
-// fails the whole request at once and nothing of it is sent. Only keys and types were checked:
-// values (a negative padding, a path that names no regular file, a range past the end) are the
-// buffers' and transports' to refuse when the request's turn comes.
-// The pieces of the maps before a failing one still become buffers, each noting its values at
-// debug level, so that the log shows how far the request got.
+// Queues the request, or, when it did not pass its checks, answers it with the error at once and
+// releases it with its buffers: nothing of it is sent.
+void queueOrFail(UsbDataIn *queue, bool valid, std::unique_ptr<UsbDBufferList> request)
+{
+    if (!valid) {
+        request->fail();
+        return;
+    }
+    queue->send_data(request.release());
+}
+
+// One request of the decoded pieces. When a map failed its checks (decoded false) the whole
+// request fails; only keys and types were checked: values (a negative padding, a path that
+// names no regular file, a range past the end) are the buffers' and transports' to refuse when
+// the request's turn comes. The pieces of the maps before a failing one still become buffers,
+// each noting its values at debug level, so that the log shows how far the request got.
 template <typename Piece>
-void queueOrFail(UsbDataIn *queue, bool decoded, const QList<Piece> &pieces,
+void queuePieces(UsbDataIn *queue, bool decoded, const QList<Piece> &pieces,
                  const QDBusMessage &msg)
 {
     QList<UsbDBuffer *> buffers;
     for (const Piece &piece : pieces)
         buffers.append(makeBuffer(piece));
-    auto *request = new UsbDDBusBufferList(buffers, msg, nullptr);
-    if (decoded) {
-        queue->send_data(request);
-        return;
-    }
-    request->fail();
-    delete request;
+    queueOrFail(queue, decoded, std::make_unique<UsbDDBusBufferList>(buffers, msg, nullptr));
 }
 
 } // namespace
 
 void UsbD::send_data(const QByteArray &usb_data, uchar usb_data_len, const QDBusMessage &msg)
 {
-    auto *request = new UsbDDBusBufferList(
-        {new UsbDBufferMem(usb_data, 0, usb_data_len, 0, 0, 0, nullptr)}, msg, nullptr);
     // A length beyond the bytes sent would read past the array: refused with the error reply.
-    if (usb_data_len > usb_data.size()) {
-        request->fail();
-        delete request;
-        return;
-    }
-    dataIn_->send_data(request);
+    queueOrFail(dataIn_, usb_data_len <= usb_data.size(),
+                std::make_unique<UsbDDBusBufferList>(
+                    QList<UsbDBuffer *>{new UsbDBufferMem(usb_data, 0, usb_data_len, 0, 0, 0, nullptr)},
+                    msg, nullptr));
 }
 
 void UsbD::send_file(QList<QVariantMap> file_list, const QDBusMessage &msg)
 {
     QList<FilePiece> pieces;
     const bool decoded = usbd::dbusmaps::decodeFileMaps(file_list, &pieces);
-    queueOrFail(dataIn_, decoded, pieces, msg);
+    queuePieces(dataIn_, decoded, pieces, msg);
 }
 
 void UsbD::send_shm_data(QList<QVariantMap> shm_handle_list, const QDBusMessage &msg)
 {
     QList<ShmPiece> pieces;
     const bool decoded = usbd::dbusmaps::decodeShmMaps(shm_handle_list, &pieces);
-    queueOrFail(dataIn_, decoded, pieces, msg);
+    queuePieces(dataIn_, decoded, pieces, msg);
 }

@@ -140,8 +140,8 @@ const std::vector<Command> &commands()
          {{QStringLiteral("wait"), QChar(), QString(),
            QStringLiteral("wait until FILE holds SIZE bytes (FILE is emptied first)")},
           {QStringLiteral("time-ms"), QChar(), QStringLiteral("MS"),
-           QStringLiteral("the time_ms argument of open_file: the daemon gives up\n"
-                          "receiving MS ms after the call (default 0: no limit)")},
+           QStringLiteral("the time_ms argument of open_file, which the daemon\n"
+                          "accepts and does not use (default 0)")},
           {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
            QStringLiteral("give up after SEC seconds without an answer or, with\n"
                           "--wait, without all the data (default 60; exit status 7)")}},

@@ -62,6 +62,11 @@ struct PlanError {
     QString message;
 };
 
+// Why a local file cannot be read: "" for a readable regular file, else "no such file",
+// "permission denied" (the file or a directory on its way), "not a regular file" or the
+// system's own text.
+QString localFileProblem(const QString &path);
+
 // Turns file names into pieces: absolute paths (the daemon has its own working directory),
 // each file a readable, non-empty regular file here, and offset + size within it. Fails with
 // kExitLocalFile for a file that is missing, not a regular file, unreadable or empty, and

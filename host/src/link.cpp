@@ -38,6 +38,9 @@ constexpr size_t kDefaultTransferSize = 1024 * 1024;
 constexpr int kDefaultTransfersInFlight = 4;
 // The smallest transfer tried when the kernel cannot find memory for a larger one.
 constexpr size_t kMinTransferSize = 16 * 1024;
+// A transfer that failed may be the first sign of a device leaving the bus: the hub notices
+// the disconnect a little later. This long it is asked whether it is still there.
+constexpr auto kGoneCheckTime = std::chrono::seconds(1);
 constexpr size_t kMaxTransferSize = 64 * 1024 * 1024;
 constexpr int kMaxTransfersInFlight = 16;
 
@@ -462,8 +465,9 @@ std::string hex(uint8_t address)
     return text;
 }
 
-// The outcome of one transfer that came back; OK when its bytes count.
-usbd_host_status transferStatus(const libusb_transfer &transfer, std::string *message)
+// The outcome of one transfer that came back; OK when its bytes count. *failed is set for a
+// transfer that failed without a reason of its own (it may have been the device leaving).
+usbd_host_status transferStatus(const libusb_transfer &transfer, std::string *message, bool *failed)
 {
     const std::string endpoint = hex(transfer.endpoint);
     switch (transfer.status) {
@@ -482,6 +486,7 @@ usbd_host_status transferStatus(const libusb_transfer &transfer, std::string *me
         return USBD_HOST_FAILED;
     default:
         *message = "transfer on endpoint " + endpoint + " failed";
+        *failed = true;
         return USBD_HOST_FAILED;
     }
 }
@@ -563,7 +568,7 @@ private:
 // (unless the stream already broke) before its slot is released. A transfer that ends badly
 // ends the stream; the transfers still in flight are then cancelled and waited for.
 template <typename Fill, typename Take>
-usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take take)
+usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take take, bool *transferFailed)
 {
     for (;;) {
         while (!state.stopping()) {
@@ -580,7 +585,7 @@ usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take 
             if (transfer.actual_length > 0 && !state.broken())
                 take(size_t(transfer.actual_length), slot->buffer.get());
             std::string message;
-            const usbd_host_status status = transferStatus(transfer, &message);
+            const usbd_host_status status = transferStatus(transfer, &message, transferFailed);
             transfers.release(slot);
             if (status != USBD_HOST_OK)
                 state.end(status, message, transfers);
@@ -588,6 +593,35 @@ usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take 
         state.checkTick(transfers);
     }
     return state.finishStream();
+}
+
+// Whether the open device has left the bus. A controller that loses its device (dummy_hcd
+// when the gadget is unbound, a hub at a reset) may fail the transfers in flight with a
+// protocol error before the kernel reports the device gone; a standard GET_STATUS tells the two
+// apart once the hub has caught up.
+bool deviceLeft(libusb_device_handle *handle, const usbd_host *host)
+{
+    const auto until = Clock::now() + kGoneCheckTime;
+    for (;;) {
+        unsigned char status[2];
+        const int rc = libusb_control_transfer(handle, LIBUSB_ENDPOINT_IN | LIBUSB_REQUEST_TYPE_STANDARD
+                                                           | LIBUSB_RECIPIENT_DEVICE,
+                                               LIBUSB_REQUEST_GET_STATUS, 0, 0, status, sizeof(status), 100);
+        if (rc == LIBUSB_ERROR_NO_DEVICE)
+            return true;
+        if (rc >= 0 || Clock::now() >= until || interrupted(host))
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+// A stream that broke off with a failed transfer ends with USBD_HOST_GONE when that was the
+// device leaving: a caller that follows the device opens it again then.
+usbd_host_status goneOrAsIs(usbd_host *host, usbd_host_status status, bool transferFailed)
+{
+    if (status == USBD_HOST_FAILED && transferFailed && deviceLeft(host->handle, host))
+        return finish(host, USBD_HOST_GONE, "the device left the bus");
+    return status;
 }
 
 // A stream needs an open device and the buffers for its transfers.
@@ -967,7 +1001,9 @@ usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_si
             if (limit && state.bytes() >= limit)
                 state.end(USBD_HOST_OK, std::string(), transfers);
         };
-        return pump(transfers, state, fill, take);
+        bool transferFailed = false;
+        const usbd_host_status ended = pump(transfers, state, fill, take, &transferFailed);
+        return goneOrAsIs(host, ended, transferFailed);
     });
 }
 
@@ -1012,7 +1048,9 @@ usbd_host_status usbd_host_send(usbd_host *host, usbd_host_source_fn source, usb
                 sent(data, length, user);
             state.moved(uint64_t(length));
         };
-        return pump(transfers, state, fill, take);
+        bool transferFailed = false;
+        const usbd_host_status ended = pump(transfers, state, fill, take, &transferFailed);
+        return goneOrAsIs(host, ended, transferFailed);
     });
 }
 

@@ -19,8 +19,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -167,6 +170,30 @@ bool readSmallFile(const std::string &path, std::string &out)
     }
 }
 
+// dbus-daemon reads relative <include> and <includedir> paths from the directory of the file
+// that names them. The configuration is handed to it as a copy in the emulator's own directory,
+// so those paths are made absolute against the original file's directory first.
+std::string absoluteIncludes(const std::string &config, const std::string &path)
+{
+    char resolved[PATH_MAX];
+    if (!realpath(path.c_str(), resolved))
+        return config;
+    std::string directory = resolved;
+    directory.erase(directory.rfind('/') + 1);
+    static const std::regex include(R"((<include(?:dir)?\b[^>]*>)\s*([^<\s][^<]*?)\s*(</include(?:dir)?>))");
+    std::string out;
+    auto rest = config.cbegin();
+    for (std::sregex_iterator it(config.begin(), config.end(), include), end; it != end; ++it) {
+        const std::smatch &match = *it;
+        out.append(rest, match[0].first);
+        const std::string target = match[2].str();
+        out += match[1].str() + (target[0] == '/' ? target : directory + target) + match[3].str();
+        rest = match[0].second;
+    }
+    out.append(rest, config.cend());
+    return out;
+}
+
 bool writeFile(const std::string &path, const std::string &text)
 {
     usbd::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
@@ -246,6 +273,7 @@ int main(int argc, char **argv)
             logLine("cannot read %s: %s", options.dbusConfig.c_str(), strerror(errno));
             return kSetupFailed;
         }
+        busConfig = absoluteIncludes(busConfig, options.dbusConfig);
     }
 
     FunctionFs ffs;

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """What usbd-emu leaves behind: however it ends, no process of its namespace outlives it, no
 mount or file of it stays on the host, and a program or working directory in the host's /tmp
-stays reachable inside. Needs root and /dev/fuse.
+stays reachable inside; and a bus configuration of one's own keeps its relative includes. Needs
+root and /dev/fuse.
 
 Usage: test_emulator.py USBD_EMU USBD_EMUCTL EMULATOR_SYSTEM_TEST [unittest args]. The last one,
 run with --hold, keeps the function up inside until it reads an exit status.
@@ -56,6 +57,36 @@ class Emulator(unittest.TestCase):
             r = subprocess.run([EMU, "--name", "tmp%d" % os.getpid(), "--", script], cwd=tmp,
                                capture_output=True, timeout=10)
             self.assertEqual((r.returncode, r.stdout), (0, b"seen"), r.stderr)
+
+    def test_a_bus_configuration_keeps_its_relative_includes(self):
+        # The policy lives beside the configuration, as a device's system.d does; the emulator
+        # runs the bus from a copy elsewhere. Outside /tmp, which is private inside.
+        work = os.environ.get("USBD_EMULATOR_WORK_DIR", os.getcwd())
+        with tempfile.TemporaryDirectory(dir=work) as tmp:
+            os.mkdir(os.path.join(tmp, "policy.d"))
+            with open(os.path.join(tmp, "policy.d", "included.conf"), "w") as f:
+                f.write('<busconfig><policy context="default"><allow own="com.example.Included"/>'
+                        '</policy></busconfig>\n')
+            with open(os.path.join(tmp, "bus.conf"), "w") as f:
+                f.write('<busconfig><type>system</type>'
+                        '<listen>unix:path=/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth>'
+                        '<policy context="default"><allow user="*"/><deny own="*"/><allow receive_type="*"/>'
+                        '<allow send_type="*"/></policy>'
+                        '<include>policy.d/included.conf</include></busconfig>\n')
+            own = ("import dbus\n"
+                   "for name in ('com.example.Included', 'com.example.Other'):\n"
+                   "    try:\n"
+                   "        dbus.SystemBus().request_name(name)\n"
+                   "        print(name, 'owned')\n"
+                   "    except dbus.DBusException as error:\n"
+                   "        print(name, error.get_dbus_name())\n")
+            r = subprocess.run([EMU, "--name", "include%d" % os.getpid(), "--dbus-config",
+                                os.path.join(tmp, "bus.conf"), "--", "/usr/bin/python3", "-c", own],
+                               capture_output=True, timeout=30)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            self.assertEqual(r.stdout.decode().split("\n")[:2],
+                             ["com.example.Included owned",
+                              "com.example.Other org.freedesktop.DBus.Error.AccessDenied"], r.stderr)
 
     def test_nothing_is_left_behind_however_the_emulator_ends(self):
         mounts_before = mounts()

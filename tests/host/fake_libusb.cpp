@@ -106,10 +106,11 @@ std::vector<libusb_transfer *> step()
             complete(out, LIBUSB_TRANSFER_COMPLETED, &done);
         }
         if (gone) {
+            const auto status = device->goneAsError ? LIBUSB_TRANSFER_ERROR : LIBUSB_TRANSFER_NO_DEVICE;
             while (libusb_transfer *transfer = head(device, true))
-                complete(transfer, LIBUSB_TRANSFER_NO_DEVICE, &done);
+                complete(transfer, status, &done);
             while (libusb_transfer *transfer = head(device, false))
-                complete(transfer, LIBUSB_TRANSFER_NO_DEVICE, &done);
+                complete(transfer, status, &done);
             theBus.erase(std::find(theBus.begin(), theBus.end(), shared));
         }
     }
@@ -290,6 +291,18 @@ int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle *handle,
     std::memcpy(data, text.data(), size_t(size));
     data[size] = 0;
     return size;
+}
+
+// Only GET_STATUS, which the library uses to ask whether a device is still there.
+int LIBUSB_CALL libusb_control_transfer(libusb_device_handle *handle, uint8_t, uint8_t request, uint16_t,
+                                        uint16_t, unsigned char *data, uint16_t length, unsigned int)
+{
+    if (!onBus(handle->device))
+        return LIBUSB_ERROR_NO_DEVICE;
+    if (request != LIBUSB_REQUEST_GET_STATUS)
+        return LIBUSB_ERROR_NOT_SUPPORTED;
+    std::fill_n(data, length, 0);
+    return length;
 }
 
 int LIBUSB_CALL libusb_set_auto_detach_kernel_driver(libusb_device_handle *, int)

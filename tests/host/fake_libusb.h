@@ -27,8 +27,10 @@ struct libusb_device {
 
     // Bulk IN: what the device has written, in packets as the controller sends them.
     std::deque<std::vector<uint8_t>> packets;
-    // Bulk IN: leave the bus once this much has been delivered (0: never).
+    // Bulk IN: leave the bus once this much has been delivered (0: never), failing the
+    // transfers in flight as gone, or as a controller that reports a protocol error first does.
     uint64_t goneAfter = 0;
+    bool goneAsError = false;
     // Bulk OUT: what the device takes before it stops reading, and what it took.
     uint64_t outCapacity = 0;
     std::vector<uint8_t> outData;

@@ -12,6 +12,7 @@ SOURCE_DIR = os.environ["USBD_SOURCE_DIR"]
 VERSION = os.environ["USBD_VERSION"]
 WORK_DIR = os.environ.get("USBD_PACKAGE_WORK_DIR", tempfile.gettempdir())
 APP_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "app")
+HOST_EXAMPLE_DIR = os.path.join(SOURCE_DIR, "host", "examples")
 STAND_INS = ("libostrmsg.so", "libarvohal.so", "libiosconn.so")
 
 
@@ -83,6 +84,39 @@ class Install(unittest.TestCase):
         code = "import usbd; print(len(usbd.SendRequest(42).add_memory(b'hello').encode()))"
         self.assertEqual(run("/usr/bin/python3", "-c", code, env=dict(os.environ, PYTHONPATH=site),
                              cwd=self.tmp).strip(), "45")
+
+    def test_a_host_program_built_against_the_installed_library(self):
+        prefix = os.path.join(self.tmp, "prefix")
+        run("cmake", "--install", BUILD_DIR, "--prefix", prefix)
+        libdir = os.path.dirname(glob.glob(os.path.join(prefix, "lib*", "**", "libusbd-host.so"), recursive=True)[0])
+
+        # The file's version and the soname agree: libusbd-host.so.0.x.y has soname .so.0.
+        files = sorted(os.path.basename(p) for p in glob.glob(os.path.join(libdir, "libusbd-host.so.*")))
+        self.assertEqual(len(files), 2, files)
+        self.assertRegex(files[1], r"^libusbd-host\.so\.0\.\d+\.\d+$")
+        soname = [line for line in run("readelf", "-d", os.path.join(libdir, files[1])).splitlines() if "SONAME" in line]
+        self.assertIn("[libusbd-host.so.0]", soname[0])
+        # Only the C interface is exported.
+        exported = [line.split()[-1] for line in run("objdump", "-T", os.path.join(libdir, files[1])).splitlines()
+                    if " DF .text" in line]
+        self.assertTrue(exported)
+        self.assertEqual([name for name in exported if not name.startswith("usbd_host_")], [])
+
+        # The example, outside the tree, in C: with pkg-config and with the CMake package. With no
+        # device attached it runs and says so.
+        env = dict(os.environ, PKG_CONFIG_PATH=os.path.join(libdir, "pkgconfig"))
+        self.assertEqual(run("pkg-config", "--modversion", "usbd-host", env=env).strip(), VERSION)
+        flags = run("pkg-config", "--define-prefix", "--cflags", "--libs", "usbd-host", env=env).split()
+        built = os.path.join(self.tmp, "follow-pkgconfig")
+        run("cc", "-std=c99", "-Wall", "-Werror", "-pedantic", "-o", built, os.path.join(HOST_EXAMPLE_DIR, "follow.c"),
+            *flags, f"-Wl,-rpath,{libdir}")
+        cmake_build = os.path.join(self.tmp, "follow-cmake")
+        run("cmake", "-S", HOST_EXAMPLE_DIR, "-B", cmake_build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}")
+        run("cmake", "--build", cmake_build)
+        for program in (built, os.path.join(cmake_build, "follow")):
+            result = subprocess.run([program, "--once"], capture_output=True, text=True, timeout=60)
+            self.assertEqual(result.returncode, 1, result.stderr)
+            self.assertIn("no device carrying the function", result.stderr)
 
     def test_device_install_has_no_stand_in(self):
         # A stand-in sysroot: the stand-ins built here play the platform's real libraries, under

@@ -146,8 +146,8 @@ const std::vector<Command> &commands()
          {{QStringLiteral("wait"), QChar(), QString(),
            QStringLiteral("wait until FILE holds SIZE bytes (FILE is emptied first)")},
           {QStringLiteral("time-ms"), QChar(), QStringLiteral("MS"),
-           QStringLiteral("the time_ms argument of open_file (default 0); the daemon\n"
-                          "accepts it and does not use it: a receive never ends by time")},
+           QStringLiteral("the time_ms argument of open_file, which the daemon\n"
+                          "accepts and does not use (default 0)")},
           {QStringLiteral("timeout"), QChar(), QStringLiteral("SEC"),
            QStringLiteral("give up after SEC seconds without an answer or, with\n"
                           "--wait, without all the data (default 60; exit status 7)")}},

@@ -140,12 +140,13 @@ private:
 
 bool readSmallFile(const QString &path, int limit, QByteArray *out, int *exitCode)
 {
-    QFile file(path);
-    if (!file.exists()) {
-        std::fprintf(stderr, "usbdctl: %s: no such file\n", qPrintable(path));
+    const QString problem = localFileProblem(path);
+    if (!problem.isEmpty()) {
+        std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path), qPrintable(problem));
         *exitCode = kExitLocalFile;
         return false;
     }
+    QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path), qPrintable(file.errorString()));
         *exitCode = kExitLocalFile;
@@ -309,10 +310,10 @@ int runSendFile(const Arguments &arguments)
     return withDBusClient(arguments, [&](DBusClient &client) {
         Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), total);
         return client.finish(client.daemon(timeoutMs).send_file(maps), timeoutMs, &progress,
-                             QStringLiteral("it opens each file itself, by its absolute path, so a "
-                                            "file it cannot see or read there fails the request, as "
-                                            "does a file that changed size; or the transfer broke "
-                                            "off"));
+                             QStringLiteral("it opens each file itself, by its absolute path and as "
+                                            "its own user (usbd under usbd.service), so a file it "
+                                            "cannot see or read fails the request, as does a file "
+                                            "that changed size; or the transfer broke off"));
     });
 }
 
@@ -345,12 +346,12 @@ int runSendShm(const Arguments &arguments)
 
     QList<QFileInfo> files;
     for (const QString &path : arguments.positionals()) {
-        const QFileInfo info(path);
-        if (!info.exists() || !info.isFile() || !info.isReadable()) {
-            std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path),
-                         !info.exists() ? "no such file" : "not a readable regular file");
+        const QString problem = localFileProblem(path);
+        if (!problem.isEmpty()) {
+            std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path), qPrintable(problem));
             return kExitLocalFile;
         }
+        const QFileInfo info(path);
         if (info.size() == 0)
             return usageError(QStringLiteral("%1: empty; shared memory cannot be empty").arg(path));
         if (info.size() > std::numeric_limits<qint32>::max())

@@ -1,8 +1,14 @@
 #include "requests.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <limits>
 
+#include <QFile>
 #include <QFileInfo>
 
 #include <usbd/protocol.h>
@@ -68,6 +74,28 @@ int exitCodeForDBusError(const QString &errorName, const QString &message)
     return kExitOtherError;
 }
 
+QString localFileProblem(const QString &path)
+{
+    // QFileInfo says "does not exist" for a file behind a directory the caller may not enter;
+    // the errno of the calls themselves tells the two apart.
+    auto problem = [](int error) {
+        if (error == ENOENT || error == ENOTDIR)
+            return QStringLiteral("no such file");
+        if (error == EACCES || error == EPERM)
+            return QStringLiteral("permission denied");
+        return QString::fromLocal8Bit(std::strerror(error));
+    };
+    const QByteArray name = QFile::encodeName(path);
+    struct stat info {};
+    if (::stat(name.constData(), &info) != 0)
+        return problem(errno);
+    if (!S_ISREG(info.st_mode))
+        return QStringLiteral("not a regular file");
+    if (::access(name.constData(), R_OK) != 0)
+        return problem(errno);
+    return QString();
+}
+
 bool planFilePieces(const QStringList &files, const FileOptions &options,
                     QList<usbd::dbusmaps::FilePiece> *out, PlanError *error)
 {
@@ -76,19 +104,12 @@ bool planFilePieces(const QStringList &files, const FileOptions &options,
 
     QList<usbd::dbusmaps::FilePiece> pieces;
     for (const QString &file : files) {
+        const QString problem = localFileProblem(file);
+        if (!problem.isEmpty()) {
+            *error = {kExitLocalFile, QStringLiteral("%1: %2").arg(file, problem)};
+            return false;
+        }
         const QFileInfo info(file);
-        if (!info.exists()) {
-            *error = {kExitLocalFile, QStringLiteral("%1: no such file").arg(file)};
-            return false;
-        }
-        if (!info.isFile()) {
-            *error = {kExitLocalFile, QStringLiteral("%1: not a regular file").arg(file)};
-            return false;
-        }
-        if (!info.isReadable()) {
-            *error = {kExitLocalFile, QStringLiteral("%1: not readable").arg(file)};
-            return false;
-        }
         const quint64 fileSize = quint64(info.size());
         // The daemon maps the whole file, and an empty one cannot be mapped.
         if (fileSize == 0) {

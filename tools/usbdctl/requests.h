@@ -53,6 +53,11 @@ struct PlanError {
     QString message;
 };
 
+// Why a local file cannot be read: "" for a readable regular file, else "no such file",
+// "permission denied" (the file or a directory on its way), "not a regular file" or the
+// system's own text.
+QString localFileProblem(const QString &path);
+
 // Turns file names into send_file pieces: absolute paths (the daemon has its own working
 // directory), each file a readable, non-empty regular file here, and offset + size within it.
 // The daemon narrows offset to 32 bits and reads size as a signed 32-bit value, so a piece is

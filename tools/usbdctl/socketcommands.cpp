@@ -95,10 +95,11 @@ int runSocketSend(const Arguments &arguments)
                 return usageError(QStringLiteral("--hex needs pairs of hexadecimal digits: %1").arg(value));
             bytes = *parsed;
         } else if (name == QLatin1String("file")) {
+            const QString problem = localFileProblem(value);
             QFile file(value);
-            if (!file.open(QIODevice::ReadOnly)) {
+            if (!problem.isEmpty() || !file.open(QIODevice::ReadOnly)) {
                 std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(value),
-                             file.exists() ? qPrintable(file.errorString()) : "no such file");
+                             qPrintable(problem.isEmpty() ? file.errorString() : problem));
                 return kExitLocalFile;
             }
             // More than one request can carry is refused below; reading one byte beyond that is

@@ -6,6 +6,8 @@
 
 #include <cstdio>
 
+#include <usbd/decimal.h>
+
 namespace usbd::host {
 
 namespace {
@@ -67,28 +69,15 @@ std::optional<FunctionInterface> findFunction(const libusb_config_descriptor &co
 
 std::optional<BusAddress> parseBusAddress(std::string_view text)
 {
-    // Digits only, at most three of them, so that nothing overflows and "+1" or " 1" are refused.
-    auto number = [](std::string_view digits, unsigned min, unsigned max) -> std::optional<uint8_t> {
-        if (digits.empty() || digits.size() > 3)
-            return std::nullopt;
-        unsigned value = 0;
-        for (char c : digits) {
-            if (c < '0' || c > '9')
-                return std::nullopt;
-            value = value * 10 + unsigned(c - '0');
-        }
-        if (value < min || value > max)
-            return std::nullopt;
-        return uint8_t(value);
-    };
+    // Digits only, so that "+1" or " 1" are refused; at most three, as lsusb prints them.
     const size_t colon = text.find(':');
-    if (colon == std::string_view::npos)
+    if (colon == std::string_view::npos || colon > 3 || text.size() - colon - 1 > 3)
         return std::nullopt;
-    const auto bus = number(text.substr(0, colon), 1, 255);
-    const auto address = number(text.substr(colon + 1), 1, 127);
+    const auto bus = usbd::parseDecimal<unsigned>(text.substr(0, colon), 1, 255);
+    const auto address = usbd::parseDecimal<unsigned>(text.substr(colon + 1), 1, 127);
     if (!bus || !address)
         return std::nullopt;
-    return BusAddress{*bus, *address};
+    return BusAddress{uint8_t(*bus), uint8_t(*address)};
 }
 
 std::string toString(BusAddress location)

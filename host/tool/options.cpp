@@ -2,6 +2,8 @@
 
 #include <climits>
 
+#include <usbd/decimal.h>
+
 namespace usbdhost {
 
 namespace {
@@ -229,18 +231,10 @@ std::optional<uint64_t> parseByteCount(const std::string &text)
     }
     if (shift != 0)
         digits.pop_back();
-    // Nineteen digits always fit in 64 bits; more would be more than any link carries anyway.
-    if (digits.empty() || digits.size() > 19)
+    const auto value = usbd::parseDecimal<uint64_t>(digits, 1, UINT64_MAX >> shift);
+    if (!value)
         return std::nullopt;
-    uint64_t value = 0;
-    for (char c : digits) {
-        if (c < '0' || c > '9')
-            return std::nullopt;
-        value = value * 10 + uint64_t(c - '0');
-    }
-    if (value == 0 || value > (UINT64_MAX >> shift))
-        return std::nullopt;
-    return value << shift;
+    return *value << shift;
 }
 
 Parsed parseCommandLine(const std::vector<std::string> &args)

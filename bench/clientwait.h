@@ -14,7 +14,8 @@ namespace benchwait {
 inline bool connectWithin(usbd::client::Connection *connection, const std::string &path,
                           std::chrono::seconds limit)
 {
-    for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + limit;
+         std::chrono::steady_clock::now() < end;) {
         if (connection->connect(path) == 0)
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -26,7 +27,8 @@ inline bool connectWithin(usbd::client::Connection *connection, const std::strin
 // queue is dropped unanswered, which also means "not yet".
 inline bool waitForLink(usbd::client::Connection *connection, std::chrono::seconds limit)
 {
-    for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + limit;
+         std::chrono::steady_clock::now() < end;) {
         usbd::client::Response response;
         if (connection->send(usbd::client::SendRequest(0).encode()) != 0)
             return false;

@@ -68,12 +68,14 @@ inline bool writeSegments(int fd, const std::vector<iovec> &segments)
 
 // Hands size bytes from a physical address to the endpoint, in calls of at most 8 MiB. A stock
 // FunctionFS has no such request: then *unsupported (if given) is set, before any byte went.
-inline bool writePhysical(int fd, std::uint32_t address, std::size_t size, bool *unsupported = nullptr)
+inline bool writePhysical(int fd, std::uint32_t address, std::size_t size,
+                          bool *unsupported = nullptr)
 {
     for (std::size_t done = 0; done < size;) {
         struct {
             std::uint32_t address, length;
-        } record{std::uint32_t(address + done), std::uint32_t(std::min(size - done, kMaxBytesPerCall))};
+        } record{std::uint32_t(address + done),
+                 std::uint32_t(std::min(size - done, kMaxBytesPerCall))};
         const int sent = ::ioctl(fd, kPhysicalTransfer, &record);
         if (sent < 0 && errno == ENOTTY && done == 0 && unsupported)
             *unsupported = true;

@@ -28,7 +28,8 @@ void serve(int client, Send send)
         const ssize_t length = ::read(client, request, sizeof request);
         if (length <= 0)
             return;
-        if (usbd::parseSocketRequest(request, std::size_t(length), &parsed) != usbd::SocketRequestKind::Send)
+        if (usbd::parseSocketRequest(request, std::size_t(length), &parsed)
+            != usbd::SocketRequestKind::Send)
             continue;
         std::int32_t status = usbd::kSocketStatusSent;
         for (const usbd::SocketRequestEntry &entry : parsed.entries) {

@@ -98,7 +98,8 @@ private:
 class BenchList : public UsbDBufferList {
 public:
     BenchList(const QList<UsbDBuffer *> &buffers, Completion *completion)
-        : UsbDBufferList(buffers, nullptr), completion_(completion)
+        : UsbDBufferList(buffers, nullptr),
+          completion_(completion)
     {
     }
     // Counted once the request is gone, buffers and file mappings included: releasing them is
@@ -136,8 +137,8 @@ bool runDaemonPath(UsbDataIn *queue, Completion *completion, const std::vector<R
 bool runShmPath(UsbDataIn *queue, Completion *completion, quint64 handle, quint32 size)
 {
     completion->reset();
-    queue->send_data(new BenchList({new UsbDBufferArvoHandle(handle, 0, size, 0, 0, true, 0, nullptr)},
-                                   completion));
+    queue->send_data(new BenchList(
+        {new UsbDBufferArvoHandle(handle, 0, size, 0, 0, true, 0, nullptr)}, completion));
     return completion->wait(1);
 }
 
@@ -154,7 +155,8 @@ bool runRawShm(int endpoint, quint64 handle, quint32 size, const std::vector<cha
     bool ok = arvo_hal_mem_map(memory, &base) == 0;
     if (ok) {
         std::vector<Request> request(1, Request(1));
-        request[0][0].memory = QByteArray::fromRawData(reinterpret_cast<const char *>(base), int(size));
+        request[0][0].memory =
+            QByteArray::fromRawData(reinterpret_cast<const char *>(base), int(size));
         request[0][0].size = size;
         ok = runRawLoop(endpoint, request, zeros);
         arvo_hal_mem_unmap(memory);
@@ -277,7 +279,8 @@ Comparison compare(const char *label, size_t bytes, int rounds, DaemonSide daemo
         c.daemonCpu.push_back(samples[0].cpuSeconds / gib);
         c.rawCpu.push_back(samples[1].cpuSeconds / gib);
         c.cpuRatio.push_back(c.daemonCpu.back() / c.rawCpu.back());
-        std::fprintf(stderr, "%s, round %d: usbd %.0f MB/s %.3f CPU s/GiB, raw %.0f MB/s %.3f CPU s/GiB\n",
+        std::fprintf(stderr,
+                     "%s, round %d: usbd %.0f MB/s %.3f CPU s/GiB, raw %.0f MB/s %.3f CPU s/GiB\n",
                      label, round + 1, c.daemonRate.back(), c.daemonCpu.back(), c.rawRate.back(),
                      c.rawCpu.back());
     }
@@ -291,7 +294,8 @@ int main(int argc, char **argv)
     Options options;
     if (!parseOptions(argc, argv, &options)) {
         std::fprintf(stderr,
-                     "usage: %s [--rounds N] [--memory-mib M] [--file-mib F] [--shm-mib S] [--file-dir DIR]\n",
+                     "usage: %s [--rounds N] [--memory-mib M] [--file-mib F] [--shm-mib S] "
+                     "[--file-dir DIR]\n",
                      argv[0]);
         return 2;
     }
@@ -355,13 +359,14 @@ int main(int argc, char **argv)
     std::vector<Request> warmUp(1, Request(1));
     warmUp[0][0].memory = QByteArray(int(kMiB), 'w');
     warmUp[0][0].size = kMiB;
-    bool ok = runRawLoop(function.ep3.get(), warmUp, zeros)
-              && runDaemonPath(&queue, &completion, warmUp);
+    bool ok =
+        runRawLoop(function.ep3.get(), warmUp, zeros) && runDaemonPath(&queue, &completion, warmUp);
 
     std::vector<Comparison> comparisons;
-    comparisons.push_back(compare("memory and file buffers", totalBytes, options.rounds,
-                                  [&] { return runDaemonPath(&queue, &completion, requests); },
-                                  [&] { return runRawLoop(function.ep3.get(), requests, zeros); }));
+    comparisons.push_back(compare(
+        "memory and file buffers", totalBytes, options.rounds,
+        [&] { return runDaemonPath(&queue, &completion, requests); },
+        [&] { return runRawLoop(function.ep3.get(), requests, zeros); }));
     ok = ok && comparisons.back().ok;
 
     // Shared memory, by physical address (endpoint ioctl) and by virtual address (writev from
@@ -374,20 +379,24 @@ int main(int argc, char **argv)
         UsbDataIn virtualQueue({new USBConn(function.ep3.get(), false, nullptr)});
         virtualQueue.setLinkType(OstrTypes::LinkTypeUsb);
         std::thread virtualWorker([&virtualQueue] { virtualQueue.process(); });
-        comparisons.push_back(compare("shared memory by physical address", shmSize, options.rounds,
-                                      [&] { return runShmPath(&queue, &completion, handle, shmSize); },
-                                      [&] { return runRawShm(function.ep3.get(), handle, shmSize, zeros); }));
-        comparisons.back().note = "the endpoint takes a physical transfer without the CPU touching the "
-                                  "bytes, as the device's DMA does: usbd's figures are its own cost";
+        comparisons.push_back(compare(
+            "shared memory by physical address", shmSize, options.rounds,
+            [&] { return runShmPath(&queue, &completion, handle, shmSize); },
+            [&] { return runRawShm(function.ep3.get(), handle, shmSize, zeros); }));
+        comparisons.back().note =
+            "the endpoint takes a physical transfer without the CPU touching the "
+            "bytes, as the device's DMA does: usbd's figures are its own cost";
         ok = ok && comparisons.back().ok;
-        comparisons.push_back(compare("shared memory by virtual address", shmSize, options.rounds,
-                                      [&] { return runShmPath(&virtualQueue, &completion, handle, shmSize); },
-                                      [&] { return runRawShm(function.ep3.get(), handle, shmSize, zeros); }));
+        comparisons.push_back(compare(
+            "shared memory by virtual address", shmSize, options.rounds,
+            [&] { return runShmPath(&virtualQueue, &completion, handle, shmSize); },
+            [&] { return runRawShm(function.ep3.get(), handle, shmSize, zeros); }));
         ok = ok && comparisons.back().ok;
         virtualQueue.quit();
         virtualWorker.join();
     } else if (ok) {
-        std::fprintf(stderr, "bench: no shared memory (is /dev/ion there?); skipping its figures\n");
+        std::fprintf(stderr,
+                     "bench: no shared memory (is /dev/ion there?); skipping its figures\n");
     }
 
     queue.quit();
@@ -407,7 +416,8 @@ int main(int argc, char **argv)
             std::printf("  (%s)\n", c.note);
         std::printf("  usbd MB/s: %.0f\n", benchutil::median(c.daemonRate));
         std::printf("  raw writev MB/s: %.0f\n", benchutil::median(c.rawRate));
-        std::printf("  throughput ratio usbd/raw: %.3f (goal >= 0.95)\n", benchutil::median(c.rateRatio));
+        std::printf("  throughput ratio usbd/raw: %.3f (goal >= 0.95)\n",
+                    benchutil::median(c.rateRatio));
         std::printf("  usbd CPU s/GiB: %.3f\n", benchutil::median(c.daemonCpu));
         std::printf("  raw writev CPU s/GiB: %.3f\n", benchutil::median(c.rawCpu));
         std::printf("  CPU ratio usbd/raw: %.3f (goal <= 1.10)\n", benchutil::median(c.cpuRatio));

@@ -42,7 +42,10 @@ uint32_t le32(const uint8_t *p)
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
-uint16_t le16(const uint8_t *p) { return uint16_t(p[0] | p[1] << 8); }
+uint16_t le16(const uint8_t *p)
+{
+    return uint16_t(p[0] | p[1] << 8);
+}
 
 std::string format(const char *fmt, unsigned a, unsigned b = 0, unsigned c = 0)
 {
@@ -244,7 +247,8 @@ int parseOsDescs(uint32_t count, const uint8_t *data, size_t len, std::string &w
                 }
                 for (size_t i = 18; i < kExtCompatSize; ++i)
                     if (h[pos + i]) {
-                        why = format("MS OS descriptor %u: extended compat %u reserved bytes", n, f);
+                        why =
+                            format("MS OS descriptor %u: extended compat %u reserved bytes", n, f);
                         return -EINVAL;
                     }
                 pos += kExtCompatSize;
@@ -260,8 +264,8 @@ int parseOsDescs(uint32_t count, const uint8_t *data, size_t len, std::string &w
                 const uint32_t size = le32(p);
                 const uint32_t type = le32(p + 4);
                 const uint16_t nameLength = le16(p + 8);
-                if (size > left - pos || size < kExtPropHeaderSize + 4u + nameLength || type < 1 ||
-                    type > 7) {
+                if (size > left - pos || size < kExtPropHeaderSize + 4u + nameLength || type < 1
+                    || type > 7) {
                     why = format("MS OS descriptor %u: bad extended property %u", n, f);
                     return -EINVAL;
                 }
@@ -297,8 +301,7 @@ int parseDescriptors(const uint8_t *data, size_t len, FunctionLayout &layout, st
         return -EINVAL;
     }
     if (le32(data + 4) != len) {
-        why = format("length field says %u, the write has %u bytes", le32(data + 4),
-                     unsigned(len));
+        why = format("length field says %u, the write has %u bytes", le32(data + 4), unsigned(len));
         return -EINVAL;
     }
     size_t pos = 0;
@@ -389,8 +392,7 @@ int parseStrings(const uint8_t *data, size_t len, FunctionLayout &layout, std::s
         return -EINVAL;
     }
     if (le32(data + 4) != len) {
-        why = format("length field says %u, the write has %u bytes", le32(data + 4),
-                     unsigned(len));
+        why = format("length field says %u, the write has %u bytes", le32(data + 4), unsigned(len));
         return -EINVAL;
     }
     const uint32_t strCount = le32(data + 8);

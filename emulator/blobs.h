@@ -25,17 +25,17 @@ constexpr uint32_t kHasSsDesc = FUNCTIONFS_HAS_SS_DESC;
 constexpr uint32_t kHasMsOsDesc = FUNCTIONFS_HAS_MS_OS_DESC;
 constexpr uint32_t kEventFd = FUNCTIONFS_EVENTFD;
 // The flags the parser knows; like the kernel, it refuses others with ENOSYS.
-constexpr uint32_t kKnownDescriptorFlags = FUNCTIONFS_HAS_FS_DESC | FUNCTIONFS_HAS_HS_DESC |
-                                           FUNCTIONFS_HAS_SS_DESC | FUNCTIONFS_HAS_MS_OS_DESC |
-                                           FUNCTIONFS_VIRTUAL_ADDR | FUNCTIONFS_EVENTFD |
-                                           FUNCTIONFS_ALL_CTRL_RECIP | FUNCTIONFS_CONFIG0_SETUP;
+constexpr uint32_t kKnownDescriptorFlags = FUNCTIONFS_HAS_FS_DESC | FUNCTIONFS_HAS_HS_DESC
+                                           | FUNCTIONFS_HAS_SS_DESC | FUNCTIONFS_HAS_MS_OS_DESC
+                                           | FUNCTIONFS_VIRTUAL_ADDR | FUNCTIONFS_EVENTFD
+                                           | FUNCTIONFS_ALL_CTRL_RECIP | FUNCTIONFS_CONFIG0_SETUP;
 
 // The smallest write ep0 takes as a blob: the kernel refuses anything shorter up front.
 constexpr size_t kMinBlobLength = 16;
 
 struct Endpoint {
-    uint8_t address = 0;    // bEndpointAddress: bit 7 set for IN (device to host)
-    uint8_t attributes = 0; // bmAttributes: the low two bits are the transfer type
+    uint8_t address = 0;               // bEndpointAddress: bit 7 set for IN (device to host)
+    uint8_t attributes = 0;            // bmAttributes: the low two bits are the transfer type
     uint16_t maxPacket[3] = {0, 0, 0}; // full, high, super speed; 0 when that set is absent
 
     bool isIn() const { return address & 0x80; }

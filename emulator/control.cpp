@@ -20,8 +20,8 @@ bool get32(const uint8_t *data, size_t len, size_t &pos, uint32_t &value)
 {
     if (len - pos < 4)
         return false;
-    value = uint32_t(data[pos]) | uint32_t(data[pos + 1]) << 8 | uint32_t(data[pos + 2]) << 16 |
-            uint32_t(data[pos + 3]) << 24;
+    value = uint32_t(data[pos]) | uint32_t(data[pos + 1]) << 8 | uint32_t(data[pos + 2]) << 16
+            | uint32_t(data[pos + 3]) << 24;
     pos += 4;
     return true;
 }

@@ -20,7 +20,10 @@ constexpr const char kDefaultPlugMaxPower[] = "500";
 constexpr size_t kMaxValueText = 64;
 constexpr long kMaxWaitMs = 24L * 3600 * 1000;
 
-const char *boolText(bool value) { return value ? "true" : "false"; }
+const char *boolText(bool value)
+{
+    return value ? "true" : "false";
+}
 
 // Values end up as one line of a sysfs-like file.
 bool validValue(const std::string &text)
@@ -35,7 +38,8 @@ bool validValue(const std::string &text)
 
 bool validNumber(const std::string &text, long max, long &value)
 {
-    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos)
+    if (text.empty() || text.size() > 10
+        || text.find_first_not_of("0123456789") != std::string::npos)
         return false;
     // Ten digits fit in long long everywhere, not in a 32-bit long.
     const long long parsed = std::stoll(text);
@@ -74,7 +78,10 @@ bool takeEpOption(std::vector<std::string> &args, std::string &file)
 } // namespace
 
 ControlServer::ControlServer(FunctionFs &ffs, HostFiles &host, IosPeer &peer, EmulatorInfo &info)
-    : ffs_(ffs), host_(host), peer_(peer), info_(info)
+    : ffs_(ffs),
+      host_(host),
+      peer_(peer),
+      info_(info)
 {
 }
 
@@ -216,8 +223,8 @@ void ControlServer::handle(Message &request, int conn, std::vector<uint8_t> &pus
         }
         // The device reads the controller's files when it handles ENABLE, so they must hold
         // the new values before the events are queued.
-        if (!host_.setSpeed(speed) || !host_.setMaxPower(maxPower) ||
-            !host_.setUdcState("configured")) {
+        if (!host_.setSpeed(speed) || !host_.setMaxPower(maxPower)
+            || !host_.setUdcState("configured")) {
             fail("cannot write the controller files");
             return;
         }
@@ -240,8 +247,8 @@ void ControlServer::handle(Message &request, int conn, std::vector<uint8_t> &pus
     } else if (cmd == "event") {
         uint8_t type = 0;
         uint8_t setup[8] = {};
-        if (args.size() < 2 || args.size() > 3 || !parseEventType(args[1], type) ||
-            (args.size() == 3 && !parseHex8(args[2], setup))) {
+        if (args.size() < 2 || args.size() > 3 || !parseEventType(args[1], type)
+            || (args.size() == 3 && !parseHex8(args[2], setup))) {
             usage("event bind|unbind|enable|disable|setup|suspend|resume|0-255 [SETUP as 16 hex "
                   "digits]");
             return;
@@ -252,8 +259,8 @@ void ControlServer::handle(Message &request, int conn, std::vector<uint8_t> &pus
             ok();
     } else if (cmd == "udc-state" || cmd == "speed" || cmd == "maxpower") {
         long number = 0;
-        if (args.size() != 2 || !validValue(args[1]) ||
-            (cmd == "maxpower" && !validNumber(args[1], 1000000, number))) {
+        if (args.size() != 2 || !validValue(args[1])
+            || (cmd == "maxpower" && !validNumber(args[1], 1000000, number))) {
             usage(cmd + (cmd == "maxpower" ? " N" : " TEXT"));
             return;
         }
@@ -316,7 +323,8 @@ void ControlServer::handle(Message &request, int conn, std::vector<uint8_t> &pus
             return;
         }
         const size_t size = pushBuffer.size();
-        const bool pushed = ffs_.pushOut(epFile.empty() ? "ep1" : epFile, std::move(pushBuffer), why);
+        const bool pushed =
+            ffs_.pushOut(epFile.empty() ? "ep1" : epFile, std::move(pushBuffer), why);
         pushBuffer = std::vector<uint8_t>();
         if (!pushed) {
             fail(why);
@@ -360,7 +368,8 @@ bool ControlServer::handleIos(Message &request, int conn)
     };
     long number = 0;
     if (cmd == "ios-fail" || cmd == "ios-partial") {
-        if (args.size() != 2 || !validNumber(args[1], cmd == "ios-fail" ? 1000000 : INT32_MAX, number)) {
+        if (args.size() != 2
+            || !validNumber(args[1], cmd == "ios-fail" ? 1000000 : INT32_MAX, number)) {
             reply("usage", cmd + " N");
             return true;
         }
@@ -368,8 +377,8 @@ bool ControlServer::handleIos(Message &request, int conn)
             peer_.failNext(unsigned(number));
         else
             peer_.partialNext(number);
-        logLine("iOS peer: %s %ld", cmd == "ios-fail" ? "the next sends fail:" : "the next frame takes",
-                number);
+        logLine("iOS peer: %s %ld",
+                cmd == "ios-fail" ? "the next sends fail:" : "the next frame takes", number);
     } else if (cmd == "ios-block" || cmd == "ios-release") {
         if (args.size() != 1) {
             reply("usage", cmd);
@@ -418,11 +427,12 @@ std::string ControlServer::statusText()
     if (f.state == "ready") {
         for (const Interface &itf : f.layout.interfaces) {
             char desc[96];
-            snprintf(desc, sizeof desc, "%u: class 0x%02x subclass 0x%02x protocol 0x%02x, %u endpoints",
-                     itf.number, itf.cls, itf.subclass, itf.protocol, itf.endpointCount);
+            snprintf(desc, sizeof desc,
+                     "%u: class 0x%02x subclass 0x%02x protocol 0x%02x, %u endpoints", itf.number,
+                     itf.cls, itf.subclass, itf.protocol, itf.endpointCount);
             std::string value = desc;
-            if (itf.stringIndex && !f.layout.languages.empty() &&
-                itf.stringIndex <= f.layout.languages.front().strings.size())
+            if (itf.stringIndex && !f.layout.languages.empty()
+                && itf.stringIndex <= f.layout.languages.front().strings.size())
                 value += ", \"" + f.layout.languages.front().strings[itf.stringIndex - 1] + "\"";
             line("interface", value);
         }
@@ -432,10 +442,11 @@ std::string ControlServer::statusText()
                      e.desc.address, e.desc.typeName());
             std::string value = desc;
             if (e.desc.isIn()) {
-                value += std::to_string(e.bytes) + " bytes in " + std::to_string(e.writes) + " writes";
+                value +=
+                    std::to_string(e.bytes) + " bytes in " + std::to_string(e.writes) + " writes";
                 if (e.ioctls)
-                    value += " and " + std::to_string(e.ioctls) + " ioctls (" +
-                             std::to_string(e.ioctlBytes) + " bytes)";
+                    value += " and " + std::to_string(e.ioctls) + " ioctls ("
+                             + std::to_string(e.ioctlBytes) + " bytes)";
                 if (e.stalled)
                     value += ", stalled";
                 if (e.shortNext >= 0)
@@ -443,8 +454,8 @@ std::string ControlServer::statusText()
                 if (e.file == f.captureEndpoint)
                     value += f.capturing ? ", captured" : ", discarded";
             } else {
-                value += std::to_string(e.bytes) + " bytes read, " + std::to_string(e.queued) +
-                         " bytes queued";
+                value += std::to_string(e.bytes) + " bytes read, " + std::to_string(e.queued)
+                         + " bytes queued";
             }
             if (e.held)
                 value += ", " + std::to_string(e.held) + " waiting";
@@ -453,13 +464,13 @@ std::string ControlServer::statusText()
         line("enabled:", f.enabled ? "yes" : "no");
         line("events:", std::to_string(f.eventsQueued) + " waiting");
     }
-    line("udc:", h.udc + ": state \"" + h.state + "\", speed \"" + h.speed + "\", MaxPower " +
-                     h.maxPower);
+    line("udc:",
+         h.udc + ": state \"" + h.state + "\", speed \"" + h.speed + "\", MaxPower " + h.maxPower);
     line("ios:", iosStateName(h.ios));
     const IosPeerStatus p = peer_.status();
-    std::string peer = std::to_string(p.arrivals) + " frames and records, " +
-                       std::to_string(p.completed) + " requests complete, " +
-                       std::to_string(p.connections) + " connections";
+    std::string peer = std::to_string(p.arrivals) + " frames and records, "
+                       + std::to_string(p.completed) + " requests complete, "
+                       + std::to_string(p.connections) + " connections";
     if (p.failNext)
         peer += ", next " + std::to_string(p.failNext) + " sends fail";
     if (p.partialNext >= 0)
@@ -491,38 +502,38 @@ std::string ControlServer::statusJson()
         for (size_t i = 0; i < f.layout.interfaces.size(); ++i) {
             const Interface &itf = f.layout.interfaces[i];
             std::string name;
-            if (itf.stringIndex && !f.layout.languages.empty() &&
-                itf.stringIndex <= f.layout.languages.front().strings.size())
+            if (itf.stringIndex && !f.layout.languages.empty()
+                && itf.stringIndex <= f.layout.languages.front().strings.size())
                 name = f.layout.languages.front().strings[itf.stringIndex - 1];
-            j += std::string(i ? "," : "") + "{\"number\":" + std::to_string(itf.number) +
-                 ",\"class\":" + std::to_string(itf.cls) + ",\"subclass\":" +
-                 std::to_string(itf.subclass) + ",\"protocol\":" + std::to_string(itf.protocol) +
-                 ",\"endpoints\":" + std::to_string(itf.endpointCount) +
-                 ",\"string_index\":" + std::to_string(itf.stringIndex) +
-                 ",\"string\":" + (itf.stringIndex ? jsonString(name) : "null") + "}";
+            j += std::string(i ? "," : "") + "{\"number\":" + std::to_string(itf.number)
+                 + ",\"class\":" + std::to_string(itf.cls) + ",\"subclass\":"
+                 + std::to_string(itf.subclass) + ",\"protocol\":" + std::to_string(itf.protocol)
+                 + ",\"endpoints\":" + std::to_string(itf.endpointCount)
+                 + ",\"string_index\":" + std::to_string(itf.stringIndex)
+                 + ",\"string\":" + (itf.stringIndex ? jsonString(name) : "null") + "}";
         }
     }
     j += "],\"endpoints\":[";
     for (size_t i = 0; i < f.endpoints.size(); ++i) {
         const EndpointStatus &e = f.endpoints[i];
-        j += std::string(i ? "," : "") + "{\"file\":" + jsonString(e.file) +
-             ",\"address\":" + std::to_string(e.desc.address) + ",\"direction\":\"" +
-             (e.desc.isIn() ? "in" : "out") + "\",\"type\":\"" + e.desc.typeName() +
-             "\",\"max_packet\":[" + std::to_string(e.desc.maxPacket[0]) + "," +
-             std::to_string(e.desc.maxPacket[1]) + "," + std::to_string(e.desc.maxPacket[2]) +
-             "],\"bytes\":" + std::to_string(e.bytes) + ",\"writes\":" + std::to_string(e.writes) +
-             ",\"ioctls\":" + std::to_string(e.ioctls) +
-             ",\"ioctl_bytes\":" + std::to_string(e.ioctlBytes) +
-             ",\"reads\":" + std::to_string(e.reads) + ",\"waiting\":" + std::to_string(e.held) +
-             ",\"stalled\":" + boolText(e.stalled) + ",\"short\":" +
-             (e.shortNext >= 0 ? std::to_string(e.shortNext) : "null") +
-             ",\"queued\":" + std::to_string(e.queued) + "}";
+        j += std::string(i ? "," : "") + "{\"file\":" + jsonString(e.file) + ",\"address\":"
+             + std::to_string(e.desc.address) + ",\"direction\":\"" + (e.desc.isIn() ? "in" : "out")
+             + "\",\"type\":\"" + e.desc.typeName() + "\",\"max_packet\":["
+             + std::to_string(e.desc.maxPacket[0]) + "," + std::to_string(e.desc.maxPacket[1]) + ","
+             + std::to_string(e.desc.maxPacket[2]) + "],\"bytes\":" + std::to_string(e.bytes)
+             + ",\"writes\":" + std::to_string(e.writes) + ",\"ioctls\":" + std::to_string(e.ioctls)
+             + ",\"ioctl_bytes\":" + std::to_string(e.ioctlBytes)
+             + ",\"reads\":" + std::to_string(e.reads) + ",\"waiting\":" + std::to_string(e.held)
+             + ",\"stalled\":" + boolText(e.stalled)
+             + ",\"short\":" + (e.shortNext >= 0 ? std::to_string(e.shortNext) : "null")
+             + ",\"queued\":" + std::to_string(e.queued) + "}";
     }
     j += "],\"languages\":[";
     if (ready) {
         for (size_t i = 0; i < f.layout.languages.size(); ++i) {
             const auto &lang = f.layout.languages[i];
-            j += std::string(i ? "," : "") + "{\"id\":" + std::to_string(lang.id) + ",\"strings\":[";
+            j +=
+                std::string(i ? "," : "") + "{\"id\":" + std::to_string(lang.id) + ",\"strings\":[";
             for (size_t s = 0; s < lang.strings.size(); ++s)
                 j += (s ? "," : "") + jsonString(lang.strings[s]);
             j += "]}";
@@ -531,19 +542,18 @@ std::string ControlServer::statusJson()
     j += std::string("],\"enabled\":") + boolText(f.enabled);
     j += ",\"events_queued\":" + std::to_string(f.eventsQueued);
     j += ",\"open_files\":" + std::to_string(f.opens);
-    j += ",\"udc\":{\"name\":" + jsonString(h.udc) + ",\"state\":" + jsonString(h.state) +
-         ",\"speed\":" + jsonString(h.speed) + ",\"maxpower\":" + jsonString(h.maxPower) + "}";
+    j += ",\"udc\":{\"name\":" + jsonString(h.udc) + ",\"state\":" + jsonString(h.state)
+         + ",\"speed\":" + jsonString(h.speed) + ",\"maxpower\":" + jsonString(h.maxPower) + "}";
     j += ",\"ios\":" + jsonString(iosStateName(h.ios));
     const IosPeerStatus p = peer_.status();
-    j += ",\"ios_peer\":{\"connections\":" + std::to_string(p.connections) +
-         ",\"arrivals\":" + std::to_string(p.arrivals) +
-         ",\"requests_complete\":" + std::to_string(p.completed) +
-         ",\"fail_next\":" + std::to_string(p.failNext) +
-         ",\"partial_next\":" + (p.partialNext >= 0 ? std::to_string(p.partialNext) : "null") +
-         ",\"blocked\":" + boolText(p.blocked) + ",\"held\":" + std::to_string(p.held) +
-         ",\"capture\":" + boolText(p.capturing) + "}";
-    j += std::string(",\"capture\":{\"active\":") + boolText(f.capturing) + ",\"endpoint\":" +
-         (f.captureEndpoint.empty() ? "null" : jsonString(f.captureEndpoint)) + "}";
+    j += ",\"ios_peer\":{\"connections\":" + std::to_string(p.connections) + ",\"arrivals\":"
+         + std::to_string(p.arrivals) + ",\"requests_complete\":" + std::to_string(p.completed)
+         + ",\"fail_next\":" + std::to_string(p.failNext)
+         + ",\"partial_next\":" + (p.partialNext >= 0 ? std::to_string(p.partialNext) : "null")
+         + ",\"blocked\":" + boolText(p.blocked) + ",\"held\":" + std::to_string(p.held)
+         + ",\"capture\":" + boolText(p.capturing) + "}";
+    j += std::string(",\"capture\":{\"active\":") + boolText(f.capturing) + ",\"endpoint\":"
+         + (f.captureEndpoint.empty() ? "null" : jsonString(f.captureEndpoint)) + "}";
     j += ",\"dbus\":" + (info_.dbusAddress.empty() ? "null" : jsonString(info_.dbusAddress));
     return j + "}";
 }

@@ -22,9 +22,9 @@ namespace usbdemu {
 struct EmulatorInfo {
     std::string name;
     pid_t initPid = -1;
-    usbd::UniqueFd initPidFd;          // lent to usbd-emuctl exec to join the namespaces
-    std::vector<std::string> execEnv;  // NAME=VALUE set for every command run inside
-    std::string dbusAddress;           // empty without --dbus
+    usbd::UniqueFd initPidFd;         // lent to usbd-emuctl exec to join the namespaces
+    std::vector<std::string> execEnv; // NAME=VALUE set for every command run inside
+    std::string dbusAddress;          // empty without --dbus
 };
 
 class ControlServer {

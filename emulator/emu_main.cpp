@@ -41,7 +41,8 @@ constexpr const char kDefaultUdc[] = "emu-udc.0";
 
 // Any process may own any name and call anything, as on a session bus: the bus exists only for
 // the processes of this one emulator.
-constexpr const char kPermissiveBusConfig[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+constexpr const char kPermissiveBusConfig[] =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>system</type>
@@ -68,22 +69,23 @@ struct Options {
 
 void printUsage(FILE *out)
 {
-    fprintf(out,
-            "usage: usbd-emu [options] -- COMMAND [ARGS...]\n"
-            "Runs COMMAND in private namespaces on an emulated USB device (FunctionFS at\n"
-            "/dev/usb-ffs/bulk, UDC sysfs files, gadget MaxPower); drive the host side with\n"
-            "usbd-emuctl.\n\n"
-            "  --name NAME         control name (default %s); several emulators may run at once\n"
-            "  --udc NAME          device controller directory (default %s)\n"
-            "  --capture FILE      write everything the host receives on the first IN endpoint\n"
-            "                      (ep3) to FILE (truncated); without it, bytes are only counted\n"
-            "  --dbus              run a private dbus-daemon at unix:path=/run/dbus/system_bus_socket\n"
-            "  --dbus-config FILE  dbus-daemon configuration to use instead of the permissive one\n"
-            "  -v, --verbose       log every transfer\n"
-            "  -h, --help          show this text\n\n"
-            "Exit status: the command's (128+signal if it was killed); 125 if the emulator\n"
-            "could not start, 126/127 if the command could not be run.\n",
-            kDefaultName, kDefaultUdc);
+    fprintf(
+        out,
+        "usage: usbd-emu [options] -- COMMAND [ARGS...]\n"
+        "Runs COMMAND in private namespaces on an emulated USB device (FunctionFS at\n"
+        "/dev/usb-ffs/bulk, UDC sysfs files, gadget MaxPower); drive the host side with\n"
+        "usbd-emuctl.\n\n"
+        "  --name NAME         control name (default %s); several emulators may run at once\n"
+        "  --udc NAME          device controller directory (default %s)\n"
+        "  --capture FILE      write everything the host receives on the first IN endpoint\n"
+        "                      (ep3) to FILE (truncated); without it, bytes are only counted\n"
+        "  --dbus              run a private dbus-daemon at unix:path=/run/dbus/system_bus_socket\n"
+        "  --dbus-config FILE  dbus-daemon configuration to use instead of the permissive one\n"
+        "  -v, --verbose       log every transfer\n"
+        "  -h, --help          show this text\n\n"
+        "Exit status: the command's (128+signal if it was killed); 125 if the emulator\n"
+        "could not start, 126/127 if the command could not be run.\n",
+        kDefaultName, kDefaultUdc);
 }
 
 bool parseOptions(int argc, char **argv, Options &options)
@@ -141,7 +143,8 @@ bool parseOptions(int argc, char **argv, Options &options)
                 options.name.c_str());
         return false;
     }
-    if (options.udc.empty() || options.udc.find('/') != std::string::npos || options.udc[0] == '.') {
+    if (options.udc.empty() || options.udc.find('/') != std::string::npos
+        || options.udc[0] == '.') {
         fprintf(stderr, "usbd-emu: bad --udc %s\n", options.udc.c_str());
         return false;
     }
@@ -180,7 +183,8 @@ std::string absoluteIncludes(const std::string &config, const std::string &path)
         return config;
     std::string directory = resolved;
     directory.erase(directory.rfind('/') + 1);
-    static const std::regex include(R"((<include(?:dir)?\b[^>]*>)\s*([^<\s][^<]*?)\s*(</include(?:dir)?>))");
+    static const std::regex include(
+        R"((<include(?:dir)?\b[^>]*>)\s*([^<\s][^<]*?)\s*(</include(?:dir)?>))");
     std::string out;
     auto rest = config.cbegin();
     for (std::sregex_iterator it(config.begin(), config.end(), include), end; it != end; ++it) {
@@ -260,7 +264,8 @@ int main(int argc, char **argv)
     // Host paths are resolved before the private /tmp hides them.
     usbd::UniqueFd capture;
     if (!options.capture.empty()) {
-        capture.reset(open(options.capture.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        capture.reset(
+            open(options.capture.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!capture) {
             logLine("cannot open capture file %s: %s", options.capture.c_str(), strerror(errno));
             return kSetupFailed;
@@ -285,8 +290,8 @@ int main(int argc, char **argv)
     if (!server.listen(options.name))
         return kSetupFailed;
 
-    if (!enterSandbox(options.command[0]) || !host.create(options.udc) ||
-        !peer.listen(kMfiPeerSocketPath))
+    if (!enterSandbox(options.command[0]) || !host.create(options.udc)
+        || !peer.listen(kMfiPeerSocketPath))
         return kSetupFailed;
     const std::string busConfigPath = std::string(kPrivateRunDir) + "/dbus.conf";
     if (options.dbus) {

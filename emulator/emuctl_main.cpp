@@ -27,11 +27,11 @@ namespace {
 
 // Exit codes, distinct so that scripts can tell the failures apart.
 constexpr int kOk = 0;
-constexpr int kRefused = 1;     // the emulator refused the request
-constexpr int kUsage = 2;       // bad command line
-constexpr int kNotRunning = 3;  // no emulator of that name
-constexpr int kTimeout = 4;     // wait-ready timed out
-constexpr int kIoError = 5;     // the control channel or a local file failed
+constexpr int kRefused = 1;    // the emulator refused the request
+constexpr int kUsage = 2;      // bad command line
+constexpr int kNotRunning = 3; // no emulator of that name
+constexpr int kTimeout = 4;    // wait-ready timed out
+constexpr int kIoError = 5;    // the control channel or a local file failed
 constexpr int kExecFailed = 125;
 
 constexpr double kDefaultWaitSeconds = 30;
@@ -40,36 +40,37 @@ pid_t gChild = -1;
 
 void printUsage(FILE *out)
 {
-    fputs("usage: usbd-emuctl [--name NAME] COMMAND [ARGS]\n"
-          "Controls the running usbd-emu called NAME (default usbd-emu).\n\n"
-          "  status [--json]              function, endpoints, controller files, counters\n"
-          "  wait-ready [--timeout SEC]   wait until descriptors and strings are accepted (30 s)\n"
-          "  plug [--speed S] [--maxpower N]\n"
-          "                               attach a host: speed (super-speed) and MaxPower (500),\n"
-          "                               state \"configured\", then BIND and ENABLE\n"
-          "  unplug                       DISABLE; state \"not attached\", speed \"UNKNOWN\"\n"
-          "  event TYPE [SETUP]           queue bind|unbind|enable|disable|setup|suspend|resume or\n"
-          "                               a number 0-255; SETUP: 16 hex digits (8 request bytes)\n"
-          "  udc-state TEXT | speed TEXT | maxpower N\n"
-          "                               set one controller file\n"
-          "  ios none|mfi|wifi            the emulated iOS peer's link state\n"
-          "  stall | release [--ep epN]   hold / let go the host's side of an IN endpoint (ep3)\n"
-          "  short N [--ep epN]           the next write system call takes only N bytes\n"
-          "  ep1-push FILE|- [--ep epN]   the host sends the file's (or stdin's) bytes on ep1\n"
-          "  ep1-eof [--ep epN]           the next read on ep1 past the queued bytes returns 0\n"
-          "  capture FILE                 capture the IN endpoint (ep3) into FILE (truncated)\n"
-          "  capture-off                  count and discard the host's bytes\n"
-          "  ios-log [--json]             frames, records and requests the iOS peer received\n"
-          "  ios-fail N                   the iOS peer fails the next N sends\n"
-          "  ios-partial N                the next frame takes only N payload bytes\n"
-          "  ios-block | ios-release      hold / give the iOS peer's answers\n"
-          "  ios-reset                    forget what the iOS peer received\n"
-          "  ios-capture FILE             append each request the iOS peer completes to FILE\n"
-          "  ios-capture-off              stop that\n"
-          "  exec -- CMD [ARGS]           run CMD inside the emulator's namespaces\n\n"
-          "Exit status: 0 done, 1 refused, 2 usage, 3 no such emulator, 4 timeout, 5 I/O error;\n"
-          "exec passes on CMD's status (125 if it could not be started).\n",
-          out);
+    fputs(
+        "usage: usbd-emuctl [--name NAME] COMMAND [ARGS]\n"
+        "Controls the running usbd-emu called NAME (default usbd-emu).\n\n"
+        "  status [--json]              function, endpoints, controller files, counters\n"
+        "  wait-ready [--timeout SEC]   wait until descriptors and strings are accepted (30 s)\n"
+        "  plug [--speed S] [--maxpower N]\n"
+        "                               attach a host: speed (super-speed) and MaxPower (500),\n"
+        "                               state \"configured\", then BIND and ENABLE\n"
+        "  unplug                       DISABLE; state \"not attached\", speed \"UNKNOWN\"\n"
+        "  event TYPE [SETUP]           queue bind|unbind|enable|disable|setup|suspend|resume or\n"
+        "                               a number 0-255; SETUP: 16 hex digits (8 request bytes)\n"
+        "  udc-state TEXT | speed TEXT | maxpower N\n"
+        "                               set one controller file\n"
+        "  ios none|mfi|wifi            the emulated iOS peer's link state\n"
+        "  stall | release [--ep epN]   hold / let go the host's side of an IN endpoint (ep3)\n"
+        "  short N [--ep epN]           the next write system call takes only N bytes\n"
+        "  ep1-push FILE|- [--ep epN]   the host sends the file's (or stdin's) bytes on ep1\n"
+        "  ep1-eof [--ep epN]           the next read on ep1 past the queued bytes returns 0\n"
+        "  capture FILE                 capture the IN endpoint (ep3) into FILE (truncated)\n"
+        "  capture-off                  count and discard the host's bytes\n"
+        "  ios-log [--json]             frames, records and requests the iOS peer received\n"
+        "  ios-fail N                   the iOS peer fails the next N sends\n"
+        "  ios-partial N                the next frame takes only N payload bytes\n"
+        "  ios-block | ios-release      hold / give the iOS peer's answers\n"
+        "  ios-reset                    forget what the iOS peer received\n"
+        "  ios-capture FILE             append each request the iOS peer completes to FILE\n"
+        "  ios-capture-off              stop that\n"
+        "  exec -- CMD [ARGS]           run CMD inside the emulator's namespaces\n\n"
+        "Exit status: 0 done, 1 refused, 2 usage, 3 no such emulator, 4 timeout, 5 I/O error;\n"
+        "exec passes on CMD's status (125 if it could not be started).\n",
+        out);
 }
 
 int fail(int code, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
@@ -272,17 +273,16 @@ int main(int argc, char **argv)
     std::vector<std::string> args(argv + i, argv + argc);
     signal(SIGPIPE, SIG_IGN);
 
-    static const char *const kPassThrough[] = {"status", "plug",  "unplug",   "event",
-                                               "udc-state", "speed", "maxpower", "ios",
-                                               "stall",  "release", "short",  "ep1-eof",
-                                               "capture-off", "ios-fail", "ios-partial",
-                                               "ios-block", "ios-release", "ios-log",
-                                               "ios-reset", "ios-capture-off"};
+    static const char *const kPassThrough[] = {
+        "status",    "plug",        "unplug",      "event",     "udc-state",
+        "speed",     "maxpower",    "ios",         "stall",     "release",
+        "short",     "ep1-eof",     "capture-off", "ios-fail",  "ios-partial",
+        "ios-block", "ios-release", "ios-log",     "ios-reset", "ios-capture-off"};
     bool passThrough = false;
     for (const char *known : kPassThrough)
         passThrough = passThrough || cmd == known;
-    if (!passThrough && cmd != "wait-ready" && cmd != "ep1-push" && cmd != "capture" &&
-        cmd != "ios-capture" && cmd != "exec")
+    if (!passThrough && cmd != "wait-ready" && cmd != "ep1-push" && cmd != "capture"
+        && cmd != "ios-capture" && cmd != "exec")
         return fail(kUsage, "unknown command %s (see --help)", cmd.c_str());
 
     Client client(name);

@@ -51,7 +51,10 @@ constexpr size_t kMaxRequestBytes = 1u << 20;
 #define PIDFD_THREAD O_EXCL
 #endif
 
-FunctionFs *self(fuse_req_t req) { return static_cast<FunctionFs *>(fuse_req_userdata(req)); }
+FunctionFs *self(fuse_req_t req)
+{
+    return static_cast<FunctionFs *>(fuse_req_userdata(req));
+}
 
 void interruptTrampoline(fuse_req_t req, void *data)
 {
@@ -60,7 +63,9 @@ void interruptTrampoline(fuse_req_t req, void *data)
 
 const fuse_lowlevel_ops kOps = [] {
     fuse_lowlevel_ops ops{};
-    ops.init = [](void *data, fuse_conn_info *conn) { static_cast<FunctionFs *>(data)->opInit(conn); };
+    ops.init = [](void *data, fuse_conn_info *conn) {
+        static_cast<FunctionFs *>(data)->opInit(conn);
+    };
     ops.lookup = [](fuse_req_t req, fuse_ino_t parent, const char *name) {
         self(req)->opLookup(req, parent, name);
     };
@@ -90,9 +95,8 @@ const fuse_lowlevel_ops kOps = [] {
         self(req)->opPoll(req, ino, fi, ph);
     };
     ops.ioctl = [](fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg, fuse_file_info *fi,
-                   unsigned, const void *, size_t, size_t) {
-        self(req)->opIoctl(req, ino, cmd, arg, fi);
-    };
+                   unsigned, const void *, size_t,
+                   size_t) { self(req)->opIoctl(req, ino, cmd, arg, fi); };
     return ops;
 }();
 
@@ -105,8 +109,8 @@ std::string hexAddress(uint8_t address)
 
 std::string describeLayout(const FunctionLayout &layout)
 {
-    std::string text = std::to_string(layout.interfaces.size()) +
-                       (layout.interfaces.size() == 1 ? " interface (" : " interfaces (");
+    std::string text = std::to_string(layout.interfaces.size())
+                       + (layout.interfaces.size() == 1 ? " interface (" : " interfaces (");
     size_t firstEp = 0;
     for (size_t i = 0; i < layout.interfaces.size(); ++i) {
         const Interface &itf = layout.interfaces[i];
@@ -117,8 +121,9 @@ std::string describeLayout(const FunctionLayout &layout)
         const size_t end = std::min(layout.endpoints.size(), firstEp + itf.endpointCount);
         bool sameType = true;
         for (size_t e = firstEp; e < end; ++e)
-            sameType = sameType && layout.endpoints[e].attributes % 4 ==
-                                       layout.endpoints[firstEp].attributes % 4;
+            sameType =
+                sameType
+                && layout.endpoints[e].attributes % 4 == layout.endpoints[firstEp].attributes % 4;
         for (size_t e = firstEp; e < end; ++e) {
             text += (e == firstEp ? ": " : " ") + hexAddress(layout.endpoints[e].address);
             if (!sameType)
@@ -153,7 +158,8 @@ bool parseEventType(const std::string &text, uint8_t &type)
             type = t;
             return true;
         }
-    if (text.empty() || text.size() > 3 || text.find_first_not_of("0123456789") != std::string::npos)
+    if (text.empty() || text.size() > 3
+        || text.find_first_not_of("0123456789") != std::string::npos)
         return false;
     const int value = std::stoi(text);
     if (value > 255)
@@ -192,7 +198,10 @@ bool FunctionFs::mount(const std::string &mountPoint)
     return true;
 }
 
-int FunctionFs::sessionFd() const { return session_ ? fuse_session_fd(session_) : -1; }
+int FunctionFs::sessionFd() const
+{
+    return session_ ? fuse_session_fd(session_) : -1;
+}
 
 void FunctionFs::start()
 {
@@ -230,8 +239,8 @@ void FunctionFs::opInit(fuse_conn_info *conn)
 
 bool FunctionFs::epExistsLocked(fuse_ino_t ino) const
 {
-    return ino == kRootIno || ino == kEp0Ino ||
-           (state_ == State::Ready && ino >= kFirstEpIno && ino - kFirstEpIno < eps_.size());
+    return ino == kRootIno || ino == kEp0Ino
+           || (state_ == State::Ready && ino >= kFirstEpIno && ino - kFirstEpIno < eps_.size());
 }
 
 void FunctionFs::fillAttr(fuse_ino_t ino, struct stat &st) const
@@ -252,9 +261,9 @@ void FunctionFs::fillAttr(fuse_ino_t ino, struct stat &st) const
 void FunctionFs::opLookup(fuse_req_t req, fuse_ino_t parent, const char *name)
 {
     fuse_ino_t ino = 0;
-    if (parent == kRootIno && strncmp(name, "ep", 2) == 0 && name[2] >= '0' && name[2] <= '9' &&
-        strlen(name) <= 4 && strspn(name + 2, "0123456789") == strlen(name + 2) &&
-        (name[2] != '0' || name[3] == '\0'))
+    if (parent == kRootIno && strncmp(name, "ep", 2) == 0 && name[2] >= '0' && name[2] <= '9'
+        && strlen(name) <= 4 && strspn(name + 2, "0123456789") == strlen(name + 2)
+        && (name[2] != '0' || name[3] == '\0'))
         ino = kEp0Ino + fuse_ino_t(atoi(name + 2));
     fuse_entry_param entry{};
     {
@@ -293,8 +302,8 @@ void FunctionFs::opReaddir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t of
         fuse_reply_err(req, ENOTDIR);
         return;
     }
-    std::vector<std::pair<std::string, fuse_ino_t>> names = {{".", kRootIno}, {"..", kRootIno},
-                                                             {"ep0", kEp0Ino}};
+    std::vector<std::pair<std::string, fuse_ino_t>> names = {
+        {".", kRootIno}, {"..", kRootIno}, {"ep0", kEp0Ino}};
     {
         Lock lock(mutex_);
         if (state_ == State::Ready)
@@ -459,8 +468,8 @@ bool FunctionFs::attachEventFdLocked(fuse_req_t req, std::string &why)
     }
     char target[64] = {};
     const std::string link = "/proc/self/fd/" + std::to_string(fd.get());
-    if (readlink(link.c_str(), target, sizeof target - 1) < 0 ||
-        strcmp(target, "anon_inode:[eventfd]") != 0) {
+    if (readlink(link.c_str(), target, sizeof target - 1) < 0
+        || strcmp(target, "anon_inode:[eventfd]") != 0) {
         why = "descriptor " + std::to_string(layout_.eventFd) + " is not an eventfd";
         return false;
     }
@@ -502,7 +511,8 @@ void FunctionFs::ep0Write(fuse_req_t req, const uint8_t *data, size_t size, off_
         }
         if (descriptors) {
             logLine("descriptors accepted: %zu bytes, %s%s%s%s, %zu endpoints", size,
-                    data[0] == kDescriptorsMagicV2 ? "v2 layout" : "legacy layout", (layout_.flags & kHasFsDesc) ? " full-speed" : "",
+                    data[0] == kDescriptorsMagicV2 ? "v2 layout" : "legacy layout",
+                    (layout_.flags & kHasFsDesc) ? " full-speed" : "",
                     (layout_.flags & kHasHsDesc) ? " high-speed" : "",
                     (layout_.flags & kHasSsDesc) ? " super-speed" : "", layout_.endpoints.size());
             state_ = State::WaitStrings;
@@ -631,7 +641,8 @@ void FunctionFs::queueEventLocked(uint8_t type, const uint8_t setup[8])
     }
     const char *name = eventName(type);
     logLine("event queued: %s%s", name ? name : std::to_string(type).c_str(),
-            events_.size() > 1 ? (" (" + std::to_string(events_.size()) + " waiting)").c_str() : "");
+            events_.size() > 1 ? (" (" + std::to_string(events_.size()) + " waiting)").c_str()
+                               : "");
     serveEventReadersLocked();
     notifyPollLocked();
 }
@@ -754,7 +765,8 @@ void FunctionFs::acceptPhysLocked(Ep &ep, Held &held)
                 continue;
             if (got <= 0) {
                 // The memory shrank under the transfer; nothing the driver could have read.
-                logLine("%s: physical-address transfer: memory unreadable at byte %zu", file.c_str(), done);
+                logLine("%s: physical-address transfer: memory unreadable at byte %zu",
+                        file.c_str(), done);
                 fuse_reply_err(held.req, EFAULT);
                 return;
             }
@@ -775,7 +787,10 @@ void FunctionFs::acceptPhysLocked(Ep &ep, Held &held)
     fuse_reply_ioctl(held.req, int(n), nullptr, 0);
 }
 
-bool FunctionFs::outReadyLocked(const Ep &ep) const { return !ep.outQueue.empty(); }
+bool FunctionFs::outReadyLocked(const Ep &ep) const
+{
+    return !ep.outQueue.empty();
+}
 
 size_t FunctionFs::takeOutLocked(Ep &ep, uint8_t *out, size_t size)
 {
@@ -888,11 +903,11 @@ void FunctionFs::opWrite(fuse_req_t req, fuse_ino_t ino, const char *buf, size_t
     }
     logVerbose("ep%zu: write of %zu bytes held (%s)", size_t(ino - kEp0Ino), size,
                enabled_ ? "stalled" : "function not enabled");
-    hold(lock, ep->held, Held{req, true, size, off, enabled_, std::vector<uint8_t>(data, data + size), {}, 0});
+    hold(lock, ep->held,
+         Held{req, true, size, off, enabled_, std::vector<uint8_t>(data, data + size), {}, 0});
 }
 
-void FunctionFs::opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
-                        fuse_file_info *fi)
+void FunctionFs::opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_info *fi)
 {
     if (ino == kEp0Ino) {
         ep0Read(req, size, fi);
@@ -943,10 +958,10 @@ void FunctionFs::physTransfer(fuse_req_t req, fuse_ino_t ino, void *arg)
         fuse_reply_err(req, EFAULT);
         return;
     }
-    const uint32_t phys = uint32_t(record[0]) | uint32_t(record[1]) << 8 |
-                          uint32_t(record[2]) << 16 | uint32_t(record[3]) << 24;
-    const uint32_t length = uint32_t(record[4]) | uint32_t(record[5]) << 8 |
-                            uint32_t(record[6]) << 16 | uint32_t(record[7]) << 24;
+    const uint32_t phys = uint32_t(record[0]) | uint32_t(record[1]) << 8 | uint32_t(record[2]) << 16
+                          | uint32_t(record[3]) << 24;
+    const uint32_t length = uint32_t(record[4]) | uint32_t(record[5]) << 8
+                            | uint32_t(record[6]) << 16 | uint32_t(record[7]) << 24;
     // The caller's own HAL memory is all a physical address can name here, as on the device
     // only memory the process holds is pinned for it.
     int fd = -1;

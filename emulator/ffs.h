@@ -52,12 +52,12 @@ constexpr size_t kMaxOutQueueBytes = 256u << 20;
 struct EndpointStatus {
     std::string file; // "ep3"
     Endpoint desc;
-    uint64_t bytes = 0;  // IN: accepted from the device; OUT: delivered to the device
-    uint64_t writes = 0; // IN: write system calls started (first chunks)
+    uint64_t bytes = 0;      // IN: accepted from the device; OUT: delivered to the device
+    uint64_t writes = 0;     // IN: write system calls started (first chunks)
     uint64_t ioctls = 0;     // IN: physical-address transfers answered with a count
     uint64_t ioctlBytes = 0; // IN: bytes those delivered (also in `bytes`)
-    uint64_t reads = 0;  // OUT: read requests answered with data
-    size_t held = 0;     // requests waiting for the host (enable, stall, data)
+    uint64_t reads = 0;      // OUT: read requests answered with data
+    size_t held = 0;         // requests waiting for the host (enable, stall, data)
     bool stalled = false;
     long shortNext = -1; // byte budget of the next write, -1 for none
     size_t queued = 0;   // OUT: bytes pushed by the host, not read yet
@@ -92,8 +92,8 @@ public:
     void setCapture(usbd::UniqueFd fd);
 
     // Host-side controls; each returns false with a reason in `why` when it cannot apply.
-    bool plug(std::string &why);   // BIND then ENABLE, endpoints enabled
-    void unplug();                 // DISABLE, in-flight transfers fail with ESHUTDOWN
+    bool plug(std::string &why); // BIND then ENABLE, endpoints enabled
+    void unplug();               // DISABLE, in-flight transfers fail with ESHUTDOWN
     bool queueEvent(uint8_t type, const uint8_t setup[8], std::string &why);
     // `file` empty selects the first IN endpoint.
     bool setStall(const std::string &file, bool stalled, std::string &why);

@@ -34,7 +34,10 @@ bool makeDirs(const std::string &path)
     return true;
 }
 
-std::string dirOf(const std::string &path) { return path.substr(0, path.rfind('/')); }
+std::string dirOf(const std::string &path)
+{
+    return path.substr(0, path.rfind('/'));
+}
 
 // The kernel prints attribute values followed by a newline; readers rely on both.
 bool replaceFile(const std::string &path, const std::string &value)
@@ -95,10 +98,10 @@ bool HostFiles::create(const std::string &udcName)
     values_.udc = udcName;
     if (!makeDirs(udcDir_) || !makeDirs(dirOf(usbd::kMaxPowerPath)) || !makeDirs(kMfiDir))
         return false;
-    return store(udcDir_ + "/state", kInitialUdcState, values_.state) &&
-           store(udcDir_ + "/current_speed", kInitialSpeed, values_.speed) &&
-           store(usbd::kMaxPowerPath, kInitialMaxPower, values_.maxPower) &&
-           replaceFile(kMfiLinkStatePath, "0");
+    return store(udcDir_ + "/state", kInitialUdcState, values_.state)
+           && store(udcDir_ + "/current_speed", kInitialSpeed, values_.speed)
+           && store(usbd::kMaxPowerPath, kInitialMaxPower, values_.maxPower)
+           && replaceFile(kMfiLinkStatePath, "0");
 }
 
 bool HostFiles::store(const std::string &path, const std::string &value, std::string &member)

@@ -32,7 +32,10 @@ uint32_t get32(const uint8_t *p)
 {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
-uint16_t get16(const uint8_t *p) { return uint16_t(p[0] | p[1] << 8); }
+uint16_t get16(const uint8_t *p)
+{
+    return uint16_t(p[0] | p[1] << 8);
+}
 
 bool readAll(int fd, void *data, size_t size)
 {
@@ -100,8 +103,8 @@ bool IosPeer::listen(const std::string &path)
     }
     memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     unlink(path.c_str());
-    if (!listen_ || bind(listen_.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0 ||
-        ::listen(listen_.get(), 8) < 0) {
+    if (!listen_ || bind(listen_.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0
+        || ::listen(listen_.get(), 8) < 0) {
         logLine("iOS peer: cannot listen at %s: %s", path.c_str(), strerror(errno));
         return false;
     }
@@ -127,7 +130,8 @@ void IosPeer::acceptLoop()
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (connections_ >= kMaxConnections) {
-                logLine("iOS peer: more than %zu library connections; one refused", kMaxConnections);
+                logLine("iOS peer: more than %zu library connections; one refused",
+                        kMaxConnections);
                 continue;
             }
             ++connections_;
@@ -155,8 +159,8 @@ void IosPeer::serve(usbd::UniqueFd conn)
         iosconn_sim_head head;
         if (!readAll(fd, &head, sizeof head))
             break;
-        if (head.kind < IOSCONN_SIM_FRAME || head.kind > IOSCONN_SIM_SHM ||
-            head.meta_length > IOSCONN_SIM_MAX_META) {
+        if (head.kind < IOSCONN_SIM_FRAME || head.kind > IOSCONN_SIM_SHM
+            || head.meta_length > IOSCONN_SIM_MAX_META) {
             logLine("iOS peer: malformed message (kind %u, %u bytes of header): connection closed",
                     head.kind, head.meta_length);
             break;
@@ -182,7 +186,8 @@ void IosPeer::serve(usbd::UniqueFd conn)
                 a.session = get16(m + 16);
             }
         } else {
-            const size_t fixed = a.kind == Kind::File ? IOSCONN_SIM_FILE_RECORD : IOSCONN_SIM_SHM_RECORD;
+            const size_t fixed =
+                a.kind == Kind::File ? IOSCONN_SIM_FILE_RECORD : IOSCONN_SIM_SHM_RECORD;
             wellFormed = meta.size() >= fixed;
             if (wellFormed) {
                 a.source = get32(m);
@@ -257,8 +262,8 @@ void IosPeer::addPieceLocked(const Arrival &arrival, uint32_t offset, const uint
     // Requests arrive one after another, each from offset 0 upwards; a piece that does not
     // continue the current request starts the next one.
     Request *current = requests_.empty() ? nullptr : &requests_.back();
-    if (!current || current->complete || current->abandoned || current->total != arrival.total ||
-        offset < current->end) {
+    if (!current || current->complete || current->abandoned || current->total != arrival.total
+        || offset < current->end) {
         if (current && !current->complete && !current->abandoned) {
             current->abandoned = true;
             current->bytes = std::vector<uint8_t>();
@@ -324,10 +329,11 @@ std::string IosPeer::arrivalText(const Arrival &a) const
 {
     char text[256];
     if (a.kind == Kind::Frame)
-        snprintf(text, sizeof text,
-                 "frame #%llu: marker 0x%x total %u offset %u length %u session %u, %u bytes -> %d (%s)",
-                 static_cast<unsigned long long>(a.seq), a.marker, a.total, a.offset, a.length,
-                 a.session, a.data, a.answer, a.result);
+        snprintf(
+            text, sizeof text,
+            "frame #%llu: marker 0x%x total %u offset %u length %u session %u, %u bytes -> %d (%s)",
+            static_cast<unsigned long long>(a.seq), a.marker, a.total, a.offset, a.length,
+            a.session, a.data, a.answer, a.result);
     else
         snprintf(text, sizeof text,
                  "%s record #%llu: %s %u total %u request offset %u size %u padding %u session %u, "
@@ -404,12 +410,12 @@ std::string IosPeer::logJson()
     auto n = [](uint64_t value) { return std::to_string(value); };
     std::string requests;
     for (const Request &r : requests_) {
-        requests += std::string(requests.empty() ? "" : ",") + "{\"seq\":" + n(r.seq) +
-                    ",\"total\":" + n(r.total) + ",\"session\":" + n(r.session) +
-                    ",\"received\":" + n(r.received) + ",\"pieces\":" + n(r.pieces) +
-                    ",\"complete\":" + (r.complete ? "true" : "false") +
-                    ",\"abandoned\":" + (r.abandoned ? "true" : "false") +
-                    ",\"kept\":" + (r.kept ? "true" : "false") + "}";
+        requests += std::string(requests.empty() ? "" : ",") + "{\"seq\":" + n(r.seq)
+                    + ",\"total\":" + n(r.total) + ",\"session\":" + n(r.session)
+                    + ",\"received\":" + n(r.received) + ",\"pieces\":" + n(r.pieces)
+                    + ",\"complete\":" + (r.complete ? "true" : "false")
+                    + ",\"abandoned\":" + (r.abandoned ? "true" : "false")
+                    + ",\"kept\":" + (r.kept ? "true" : "false") + "}";
     }
     // Newest first until the answer is full, then back in arrival order.
     std::vector<std::string> entries;
@@ -418,20 +424,20 @@ std::string IosPeer::logJson()
         const Arrival &a = *it;
         std::string e = "{\"seq\":" + n(a.seq) + ",\"kind\":\"" + kindName(int(a.kind)) + "\"";
         if (a.kind == Kind::Frame) {
-            e += ",\"marker\":" + n(a.marker) + ",\"total\":" + n(a.total) + ",\"offset\":" +
-                 n(a.offset) + ",\"length\":" + n(a.length);
+            e += ",\"marker\":" + n(a.marker) + ",\"total\":" + n(a.total)
+                 + ",\"offset\":" + n(a.offset) + ",\"length\":" + n(a.length);
         } else {
-            e += std::string(a.kind == Kind::File ? ",\"file_offset\":" : ",\"offset\":") +
-                 n(a.source) + ",\"total\":" + n(a.total) + ",\"request_offset\":" + n(a.offset) +
-                 ",\"size\":" + n(a.length) + ",\"padding\":" + n(a.padding);
+            e += std::string(a.kind == Kind::File ? ",\"file_offset\":" : ",\"offset\":")
+                 + n(a.source) + ",\"total\":" + n(a.total) + ",\"request_offset\":" + n(a.offset)
+                 + ",\"size\":" + n(a.length) + ",\"padding\":" + n(a.padding);
         }
         e += ",\"session\":" + n(a.session);
         if (a.kind == Kind::File)
             e += ",\"path\":" + jsonString(a.path);
         if (a.kind == Kind::Shm)
             e += ",\"handle\":" + n(a.handle);
-        e += ",\"header_bytes\":" + n(a.metaLength) + ",\"data\":" + n(a.data) +
-             ",\"answer\":" + std::to_string(a.answer) + ",\"result\":\"" + a.result + "\"}";
+        e += ",\"header_bytes\":" + n(a.metaLength) + ",\"data\":" + n(a.data)
+             + ",\"answer\":" + std::to_string(a.answer) + ",\"result\":\"" + a.result + "\"}";
         if (used + e.size() + 1 > kMaxLogOutput)
             break;
         used += e.size() + 1;
@@ -440,7 +446,8 @@ std::string IosPeer::logJson()
     std::string out = "{\"arrivals\":[";
     for (auto it = entries.rbegin(); it != entries.rend(); ++it)
         out += (it == entries.rbegin() ? "" : ",") + *it;
-    out += "],\"omitted\":" + n(arrivalCount_ - entries.size()) + ",\"requests\":[" + requests + "]}";
+    out +=
+        "],\"omitted\":" + n(arrivalCount_ - entries.size()) + ",\"requests\":[" + requests + "]}";
     return out;
 }
 
@@ -457,10 +464,13 @@ std::string IosPeer::logText()
     }
     for (const Request &r : requests_) {
         char line[160];
-        snprintf(line, sizeof line, "request %llu: %llu of %u bytes in %zu pieces, session %u, %s\n",
-                 static_cast<unsigned long long>(r.seq), static_cast<unsigned long long>(r.received),
-                 r.total, r.pieces, r.session,
-                 r.complete ? "complete" : r.abandoned ? "abandoned" : "in progress");
+        snprintf(line, sizeof line,
+                 "request %llu: %llu of %u bytes in %zu pieces, session %u, %s\n",
+                 static_cast<unsigned long long>(r.seq),
+                 static_cast<unsigned long long>(r.received), r.total, r.pieces, r.session,
+                 r.complete    ? "complete"
+                 : r.abandoned ? "abandoned"
+                               : "in progress");
         out += line;
     }
     return out.empty() ? "nothing arrived\n" : out;

@@ -67,16 +67,16 @@ private:
     struct Arrival {
         uint64_t seq = 0;
         Kind kind = Kind::Frame;
-        uint32_t marker = 0;   // frames
+        uint32_t marker = 0; // frames
         uint32_t total = 0;
-        uint32_t offset = 0;   // frame: header offset; records: request offset
-        uint32_t length = 0;   // frame: header length; records: size
-        uint32_t source = 0;   // records: file offset or shared-memory offset
-        uint32_t padding = 0;  // records
+        uint32_t offset = 0;  // frame: header offset; records: request offset
+        uint32_t length = 0;  // frame: header length; records: size
+        uint32_t source = 0;  // records: file offset or shared-memory offset
+        uint32_t padding = 0; // records
         uint16_t session = 0;
-        uint64_t handle = 0;   // shm
-        std::string path;      // file
-        uint32_t data = 0;     // bytes that came with it
+        uint64_t handle = 0; // shm
+        std::string path;    // file
+        uint32_t data = 0;   // bytes that came with it
         uint32_t metaLength = 0;
         int32_t answer = 0;
         const char *result = "";

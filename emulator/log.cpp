@@ -26,8 +26,14 @@ void emit(const char *fmt, va_list ap)
 
 } // namespace
 
-void setVerbose(bool verbose) { gVerbose = verbose; }
-bool verbose() { return gVerbose; }
+void setVerbose(bool verbose)
+{
+    gVerbose = verbose;
+}
+bool verbose()
+{
+    return gVerbose;
+}
 
 void logLine(const char *fmt, ...)
 {

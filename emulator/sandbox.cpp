@@ -42,7 +42,11 @@ bool doMount(const char *source, const char *target, const char *type, unsigned 
 {
     if (mount(source, target, type, flags, data) == 0)
         return true;
-    logLine("cannot mount %s on %s: %s", type ? type : source ? source : "(none)", target, strerror(errno));
+    logLine("cannot mount %s on %s: %s",
+            type     ? type
+            : source ? source
+                     : "(none)",
+            target, strerror(errno));
     return false;
 }
 
@@ -86,7 +90,8 @@ bool coverSysDir(const std::string &dir, const std::string &name)
     const std::string base = std::string(kPrivateRunDir) + "/" + name;
     if (!makeDir(base) || !makeDir(base + "/upper") || !makeDir(base + "/work"))
         return false;
-    const std::string options = "lowerdir=" + dir + ",upperdir=" + base + "/upper,workdir=" + base + "/work";
+    const std::string options =
+        "lowerdir=" + dir + ",upperdir=" + base + "/upper,workdir=" + base + "/work";
     if (mount("overlay", dir.c_str(), "overlay", 0, options.c_str()) == 0)
         return true;
     logVerbose("overlay on %s failed (%s), using a tmpfs", dir.c_str(), strerror(errno));
@@ -97,7 +102,8 @@ bool coverSysDir(const std::string &dir, const std::string &name)
 // emulator's entries are listed there even on a machine with real gadget support.
 bool privateSysSubdir(const std::string &path)
 {
-    return makeDir(path) && doMount("tmpfs", path.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755");
+    return makeDir(path)
+           && doMount("tmpfs", path.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755");
 }
 
 // The first-level directory of the host's /tmp that holds `path` ("/tmp/ci" for
@@ -282,9 +288,9 @@ bool enterSandbox(const std::string &command)
     usbd::UniqueFd shm(open("/dev/shm", O_PATH | O_DIRECTORY | O_CLOEXEC));
     const auto tmpTrees = openTmpTrees(command);
 
-    if (!doMount("tmpfs", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") ||
-        !doMount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") ||
-        !makeDir(kPrivateRunDir, 0700) || !makeDir(kDbusSocketDir))
+    if (!doMount("tmpfs", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
+        || !doMount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755")
+        || !makeDir(kPrivateRunDir, 0700) || !makeDir(kDbusSocketDir))
         return false;
     // A bind of the path itself would find the new, empty /tmp; the descriptor still names the
     // host's directory.
@@ -297,27 +303,28 @@ bool enterSandbox(const std::string &command)
     if (!doMount("tmpfs", "/dev", "tmpfs", MS_NOSUID, "mode=0755"))
         return false;
     for (auto &node : nodes)
-        if (!makeFile("/dev/" + node.first, 0666) || !bindFd(node.second.get(), "/dev/" + node.first))
+        if (!makeFile("/dev/" + node.first, 0666)
+            || !bindFd(node.second.get(), "/dev/" + node.first))
             return false;
     if (shm && (!makeDir("/dev/shm", 01777) || !bindFd(shm.get(), "/dev/shm")))
         return false;
-    if (!makeDir("/dev/pts") ||
-        !doMount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
-                 "newinstance,ptmxmode=0666,mode=0620") ||
-        !makeLink("pts/ptmx", "/dev/ptmx") || !makeLink("/proc/self/fd", "/dev/fd") ||
-        !makeLink("/proc/self/fd/0", "/dev/stdin") || !makeLink("/proc/self/fd/1", "/dev/stdout") ||
-        !makeLink("/proc/self/fd/2", "/dev/stderr"))
+    if (!makeDir("/dev/pts")
+        || !doMount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
+                    "newinstance,ptmxmode=0666,mode=0620")
+        || !makeLink("pts/ptmx", "/dev/ptmx") || !makeLink("/proc/self/fd", "/dev/fd")
+        || !makeLink("/proc/self/fd/0", "/dev/stdin") || !makeLink("/proc/self/fd/1", "/dev/stdout")
+        || !makeLink("/proc/self/fd/2", "/dev/stderr"))
         return false;
     // The HAL stand-in only checks that the ION node exists.
-    if (!makeFile(usbd::kIonDevicePath, 0666) || !makeDir("/dev/usb-ffs") ||
-        !makeDir("/dev/usb-ffs/bulk"))
+    if (!makeFile(usbd::kIonDevicePath, 0666) || !makeDir("/dev/usb-ffs")
+        || !makeDir("/dev/usb-ffs/bulk"))
         return false;
 
     const std::string udcDir = std::string(usbd::kUdcClassDir);
     const std::string configDir = "/sys/kernel/config";
-    return coverSysDir("/sys/class", "sys-class") &&
-           privateSysSubdir(udcDir.substr(0, udcDir.size() - 1)) &&
-           coverSysDir("/sys/kernel", "sys-kernel") && privateSysSubdir(configDir);
+    return coverSysDir("/sys/class", "sys-class")
+           && privateSysSubdir(udcDir.substr(0, udcDir.size() - 1))
+           && coverSysDir("/sys/kernel", "sys-kernel") && privateSysSubdir(configDir);
 }
 
 pid_t startInit(const InitOptions &options)

@@ -24,10 +24,10 @@ bool enterSandbox(const std::string &command);
 
 struct InitOptions {
     std::vector<std::string> command;
-    std::vector<std::string> env;  // NAME=VALUE added to the command's environment
-    std::string dbusConfig;        // config file path inside; empty: no bus
-    std::vector<int> closeFds;     // the emulator's descriptors, not for the namespace
-    int lifeline = -1;             // read end of a pipe only the emulator holds open
+    std::vector<std::string> env; // NAME=VALUE added to the command's environment
+    std::string dbusConfig;       // config file path inside; empty: no bus
+    std::vector<int> closeFds;    // the emulator's descriptors, not for the namespace
+    int lifeline = -1;            // read end of a pipe only the emulator holds open
 };
 
 // Starts the namespace's init (pid 1 of a new pid namespace, in a nested mount namespace with

@@ -75,21 +75,21 @@ QVariant someValue(FuzzedDataProvider &in, int depth = 0)
 
 const QStringList &allKeys()
 {
-    static const QStringList keys{CUsbD::tagPath(),          CUsbD::tagOffset(),
-                                  CUsbD::tagSize(),          CUsbD::tagElementAlignment(),
+    static const QStringList keys{CUsbD::tagPath(),           CUsbD::tagOffset(),
+                                  CUsbD::tagSize(),           CUsbD::tagElementAlignment(),
                                   CUsbD::tagElementPadding(), CUsbD::tagSessionId(),
-                                  CUsbD::tagHandle(),        CUsbD::tagUsePhysicalAddress()};
+                                  CUsbD::tagHandle(),         CUsbD::tagUsePhysicalAddress()};
     return keys;
 }
 
 // The types of each key, as documented for each kind of map.
 const QList<QPair<QString, int>> kFileTypes{
-    {CUsbD::tagPath(), QMetaType::QString},         {CUsbD::tagOffset(), QMetaType::LongLong},
-    {CUsbD::tagSize(), QMetaType::Int},             {CUsbD::tagElementAlignment(), QMetaType::Int},
-    {CUsbD::tagElementPadding(), QMetaType::Int},   {CUsbD::tagSessionId(), QMetaType::UShort}};
+    {CUsbD::tagPath(), QMetaType::QString},       {CUsbD::tagOffset(), QMetaType::LongLong},
+    {CUsbD::tagSize(), QMetaType::Int},           {CUsbD::tagElementAlignment(), QMetaType::Int},
+    {CUsbD::tagElementPadding(), QMetaType::Int}, {CUsbD::tagSessionId(), QMetaType::UShort}};
 const QList<QPair<QString, int>> kShmTypes{
-    {CUsbD::tagHandle(), QMetaType::ULongLong},     {CUsbD::tagSize(), QMetaType::LongLong},
-    {CUsbD::tagElementAlignment(), QMetaType::Int}, {CUsbD::tagElementPadding(), QMetaType::Int},
+    {CUsbD::tagHandle(), QMetaType::ULongLong},        {CUsbD::tagSize(), QMetaType::LongLong},
+    {CUsbD::tagElementAlignment(), QMetaType::Int},    {CUsbD::tagElementPadding(), QMetaType::Int},
     {CUsbD::tagUsePhysicalAddress(), QMetaType::Bool}, {CUsbD::tagSessionId(), QMetaType::UShort}};
 
 QVariantMap someMap(FuzzedDataProvider &in, const QList<QPair<QString, int>> &types)
@@ -142,16 +142,16 @@ void check(const usbd::dbusmaps::ShmPiece &piece, const QVariantMap &map)
 
 bool same(const usbd::dbusmaps::FilePiece &a, const usbd::dbusmaps::FilePiece &b)
 {
-    return a.path == b.path && a.offset == b.offset && a.size == b.size &&
-           a.elementAlignment == b.elementAlignment && a.elementPadding == b.elementPadding &&
-           a.sessionId == b.sessionId;
+    return a.path == b.path && a.offset == b.offset && a.size == b.size
+           && a.elementAlignment == b.elementAlignment && a.elementPadding == b.elementPadding
+           && a.sessionId == b.sessionId;
 }
 
 bool same(const usbd::dbusmaps::ShmPiece &a, const usbd::dbusmaps::ShmPiece &b)
 {
-    return a.handle == b.handle && a.size == b.size && a.elementAlignment == b.elementAlignment &&
-           a.elementPadding == b.elementPadding && a.usePhysicalAddress == b.usePhysicalAddress &&
-           a.sessionId == b.sessionId;
+    return a.handle == b.handle && a.size == b.size && a.elementAlignment == b.elementAlignment
+           && a.elementPadding == b.elementPadding && a.usePhysicalAddress == b.usePhysicalAddress
+           && a.sessionId == b.sessionId;
 }
 
 // Decodes the maps and checks the result against the rule and the conversions written out

@@ -76,7 +76,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     // Only the named bytes matter: the same request cut right after them decodes identically.
     std::vector<std::uint8_t> cut(data, data + extent);
     usbd::SocketRequest again;
-    const usbd::SocketRequestKind kindAgain = usbd::parseSocketRequest(cut.data(), cut.size(), &again);
+    const usbd::SocketRequestKind kindAgain =
+        usbd::parseSocketRequest(cut.data(), cut.size(), &again);
     check(kindAgain == usbd::SocketRequestKind::Send);
     check(again.requestId == request.requestId);
     check(sameEntries(request, again));

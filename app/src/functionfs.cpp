@@ -9,6 +9,9 @@ namespace usbd::functionfs {
 
 namespace {
 
+// The descriptors and strings as tables, one descriptor to a line.
+// clang-format off
+
 // Interface: vendor specific, four endpoints, string iInterface (0: none).
 #define USBD_INTERFACE(iInterface) \
     USB_DT_INTERFACE_SIZE, USB_DT_INTERFACE, 0, 0, 4, USB_CLASS_VENDOR_SPEC, 0, 0, iInterface
@@ -40,14 +43,17 @@ constexpr uint8_t kSuperSpeed[] = {
 #undef USBD_ENDPOINT
 #undef USBD_SS_COMPANION
 
+// clang-format on
+
 constexpr uint32_t kFsCount = 5;
 constexpr uint32_t kHsCount = 5;
 constexpr uint32_t kSsCount = 9;
 
 static_assert(sizeof(kFullSpeed) == 45 && sizeof(kHighSpeed) == 45 && sizeof(kSuperSpeed) == 69,
               "descriptor set sizes");
-static_assert(sizeof(usb_functionfs_descs_head_v2) + 3 * sizeof(uint32_t) + sizeof(kFullSpeed) +
-                      sizeof(kHighSpeed) + sizeof(kSuperSpeed) == kDescriptorsBlobSize,
+static_assert(sizeof(usb_functionfs_descs_head_v2) + 3 * sizeof(uint32_t) + sizeof(kFullSpeed)
+                      + sizeof(kHighSpeed) + sizeof(kSuperSpeed)
+                  == kDescriptorsBlobSize,
               "descriptors blob size");
 
 void putLe32(uint8_t *at, uint32_t value)
@@ -58,6 +64,7 @@ void putLe32(uint8_t *at, uint32_t value)
     at[3] = uint8_t(value >> 24);
 }
 
+// clang-format off
 constexpr StringsBlob kStrings = {
     FUNCTIONFS_STRINGS_MAGIC, 0, 0, 0,
     kStringsBlobSize, 0, 0, 0,
@@ -66,6 +73,7 @@ constexpr StringsBlob kStrings = {
     0x09, 0x04,    // en-US
     'C', 'T', 'R', 'L', ' ', 'I', 'n', 't', 'e', 'r', 'f', 'a', 'c', 'e', 0,
 };
+// clang-format on
 
 } // namespace
 

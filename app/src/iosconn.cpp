@@ -97,19 +97,21 @@ bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset
         const quint32 frameLength = qMin(remaining, kMfiMaxFramePayload);
         header.offset = requestOffset;
         header.length = frameLength;
-        const int result = iosconn_send_with_header(kMfiLinkId, &header, int(sizeof header),
-                                                    data + (size - remaining), int(frameLength),
-                                                    kMfiSendFlags);
+        const int result =
+            iosconn_send_with_header(kMfiLinkId, &header, int(sizeof header),
+                                     data + (size - remaining), int(frameLength), kMfiSendFlags);
         // In 64 bits: a result near INT_MIN must not wrap into a large success.
         const qint64 written = qint64(result) - kMfiFrameHeaderSize;
-        qCDebug(lcIosConn) << "MFI send data" << "remaining:" << remaining
-                           << "current frame size:" << frameLength << "bytes_written" << written;
+        qCDebug(lcIosConn) << "MFI send data"
+                           << "remaining:" << remaining << "current frame size:" << frameLength
+                           << "bytes_written" << written;
         if (written >= 0) {
             // A library that claims more than the frame must not move the next frame's start
             // past the buffer.
             const quint32 taken = quint32(qMin<qint64>(written, frameLength));
             if (taken != written)
-                qCDebug(lcIosConn) << "the library reported" << written << "of" << frameLength << "bytes";
+                qCDebug(lcIosConn)
+                    << "the library reported" << written << "of" << frameLength << "bytes";
             remaining -= taken;
             requestOffset += taken;
             failures = 0;
@@ -121,8 +123,8 @@ bool IOSConn::transfer(UsbDBuffer *buffer, quint32 total, quint32 &requestOffset
         }
         ++failures;
         QThread::usleep(kMfiRetryDelayUs);
-        qCDebug(lcIosConn) << "MFI usb data send err,ret value =" << written << "retry for" << failures
-                           << "times";
+        qCDebug(lcIosConn) << "MFI usb data send err,ret value =" << written << "retry for"
+                           << failures << "times";
     }
 
     if (padding != 0) {

@@ -6,8 +6,7 @@ namespace {
 constexpr int kPollIntervalMs = 500;
 }
 
-IOSConnStateWatcher::IOSConnStateWatcher(QObject *parent)
-    : QObject(parent), timer_(this)
+IOSConnStateWatcher::IOSConnStateWatcher(QObject *parent) : QObject(parent), timer_(this)
 {
     qRegisterMetaType<IOSConnStateWatcher::State>("IOSConnStateWatcher::State");
     // Qt's default (coarse) timers may fire up to 5 % early to share wake-ups; a poll must

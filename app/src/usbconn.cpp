@@ -94,7 +94,9 @@ void advance(const USBConn::Segment *segments, int segmentCount, Position *posit
 } // namespace
 
 USBConn::USBConn(int endpointFd, bool physicalTransfers, QObject *parent)
-    : Conn(parent), endpointFd_(endpointFd), physicalTransfers_(physicalTransfers)
+    : Conn(parent),
+      endpointFd_(endpointFd),
+      physicalTransfers_(physicalTransfers)
 {
 }
 

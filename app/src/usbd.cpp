@@ -25,12 +25,14 @@ namespace {
 
 // The HAL's device table for ION memory: the node, the HAL's own attach and detach functions,
 // and zero words that end the table.
-const void *const kIonDeviceTable[8] = {
-    usbd::kIonDevicePath,
-    reinterpret_cast<const void *>(&arvo_hal_attach_ion_mem),
-    reinterpret_cast<const void *>(&arvo_hal_detach_ion_mem),
-    nullptr, nullptr, nullptr, nullptr, nullptr,
-};
+const void *const kIonDeviceTable[8] = {usbd::kIonDevicePath,
+                                        reinterpret_cast<const void *>(&arvo_hal_attach_ion_mem),
+                                        reinterpret_cast<const void *>(&arvo_hal_detach_ion_mem),
+                                        nullptr,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr};
 
 // Starts a worker on a thread of its own: the thread's started signal runs `entry`, and the
 // thread deletes itself once it finishes.
@@ -119,7 +121,8 @@ UsbD::~UsbD()
 {
     // Only reached if a caller deletes the core; the daemon never does. The watcher's thread is
     // stopped first so that the watcher is not deleted while its timer runs there.
-    if (QThread *iosThread = iosWatcher_->thread(); iosThread && iosThread != QThread::currentThread()) {
+    if (QThread *iosThread = iosWatcher_->thread();
+        iosThread && iosThread != QThread::currentThread()) {
         iosThread->quit();
         iosThread->wait();
     }
@@ -184,4 +187,6 @@ void UsbD::open_file(const QString &file_name, int size)
     thread->start();
 }
 
-void UsbD::close_file() {}
+void UsbD::close_file()
+{
+}

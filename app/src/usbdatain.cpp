@@ -67,8 +67,8 @@ private:
 
     std::mutex mutex_;
     std::condition_variable turn_;
-    uint64_t next_ = 0;     // guarded by mutex_
-    uint64_t serving_ = 0;  // guarded by mutex_
+    uint64_t next_ = 0;            // guarded by mutex_
+    uint64_t serving_ = 0;         // guarded by mutex_
     std::set<uint64_t> abandoned_; // guarded by mutex_
 };
 
@@ -120,7 +120,8 @@ void UsbDataIn::setLinkType(OstrTypes::E_LinkType linkType)
     // are released here, outside the lock, so that producers are not held up by munmap() and
     // friends.
     if (!dropped.isEmpty())
-        qCDebug(lcUsbd) << "link type" << int(linkType) << "dropped" << dropped.size() << "requests";
+        qCDebug(lcUsbd) << "link type" << int(linkType) << "dropped" << dropped.size()
+                        << "requests";
     qDeleteAll(dropped);
 }
 
@@ -182,7 +183,8 @@ void UsbDataIn::transfer(UsbDBufferList *request, OstrTypes::E_LinkType linkType
     }
     timespec end;
     clock_gettime(CLOCK_MONOTONIC, &end);
-    const long elapsedMs = long(end.tv_sec - start.tv_sec) * 1000 + long(end.tv_nsec - start.tv_nsec) / 1000000;
+    const long elapsedMs =
+        long(end.tv_sec - start.tv_sec) * 1000 + long(end.tv_nsec - start.tv_nsec) / 1000000;
     qWarning("transfer time: %ldms", elapsedMs);
     request->success();
 }
@@ -219,8 +221,8 @@ void usbd_worker::process()
         std::unique_ptr<char[]> buffer(new char[kReceiveChunk]);
         bool writeFailed = !opened;
         while (received < size_) {
-            const ssize_t count =
-                ::read(descriptor_, buffer.get(), size_t(qMin(qint64(size_) - received, kReceiveChunk)));
+            const ssize_t count = ::read(descriptor_, buffer.get(),
+                                         size_t(qMin(qint64(size_) - received, kReceiveChunk)));
             if (count < 0 && errno == EINTR)
                 continue; // a signal meant for the process, not for this receive
             if (count < 0) {

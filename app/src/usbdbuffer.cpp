@@ -30,7 +30,8 @@ void logOutOfRange(const char *kind, quint32 offset, quint32 size, quint64 regio
 
 void logBufferCreated(quint32 offset, quint32 size, quint32 elementAlignment)
 {
-    qCDebug(lcUsbdBuffer) << "offset:" << offset << "size:" << size << "alignment:" << elementAlignment;
+    qCDebug(lcUsbdBuffer) << "offset:" << offset << "size:" << size
+                          << "alignment:" << elementAlignment;
 }
 
 UsbDBufferMem::UsbDBufferMem(const QByteArray &data, quint32 offset, quint32 size,
@@ -63,8 +64,8 @@ const uchar *UsbDBufferMem::virtualAddress()
 }
 
 UsbDBufferPath::UsbDBufferPath(const QString &path, quint32 offset, quint32 size,
-                               quint32 elementAlignment, quint32 elementPadding,
-                               quint16 sessionId, QObject *parent)
+                               quint32 elementAlignment, quint32 elementPadding, quint16 sessionId,
+                               QObject *parent)
     : UsbDBuffer(parent),
       path_(path),
       offset_(offset),

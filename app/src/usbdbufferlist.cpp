@@ -15,7 +15,8 @@
 #include "usbdbuffer.h"
 
 UsbDBufferList::UsbDBufferList(const QList<UsbDBuffer *> &buffers, QObject *parent)
-    : QObject(parent), buffers_(buffers)
+    : QObject(parent),
+      buffers_(buffers)
 {
 }
 
@@ -32,7 +33,8 @@ QList<UsbDBuffer *> UsbDBufferList::buffers()
 
 UsbDDBusBufferList::UsbDDBusBufferList(const QList<UsbDBuffer *> &buffers,
                                        const QDBusMessage &message, QObject *parent)
-    : UsbDBufferList(buffers, parent), message_(message)
+    : UsbDBufferList(buffers, parent),
+      message_(message)
 {
 }
 
@@ -52,7 +54,9 @@ void UsbDDBusBufferList::fail()
 UsbDSocketBufferList::UsbDSocketBufferList(const QList<UsbDBuffer *> &buffers,
                                            const UsbDSocketConnectionPtr &connection,
                                            quint32 requestId, QObject *parent)
-    : UsbDBufferList(buffers, parent), connection_(connection), requestId_(requestId)
+    : UsbDBufferList(buffers, parent),
+      connection_(connection),
+      requestId_(requestId)
 {
 }
 

@@ -59,8 +59,9 @@ using UsbDSocketConnectionPtr = QSharedPointer<UsbDSocketConnection>;
 class UsbDSocketBufferList : public UsbDBufferList {
     Q_OBJECT
 public:
-    UsbDSocketBufferList(const QList<UsbDBuffer *> &buffers, const UsbDSocketConnectionPtr &connection,
-                         quint32 requestId, QObject *parent);
+    UsbDSocketBufferList(const QList<UsbDBuffer *> &buffers,
+                         const UsbDSocketConnectionPtr &connection, quint32 requestId,
+                         QObject *parent);
     ~UsbDSocketBufferList() override;
 
     void success() override;

@@ -13,7 +13,8 @@ UsbdObject::UsbdObject(QObject *parent) : DBusObject(QStringLiteral("usbd"), par
 
     connect(this, &UsbdObject::charge_current_maxChanged, this,
             [this] { notifyPropertyChanged("charge_current_max"); });
-    connect(this, &UsbdObject::link_typeChanged, this, [this] { notifyPropertyChanged("link_type"); });
+    connect(this, &UsbdObject::link_typeChanged, this,
+            [this] { notifyPropertyChanged("link_type"); });
     connect(this, &UsbdObject::usb_super_speedChanged, this,
             [this] { notifyPropertyChanged("usb_super_speed"); });
 }
@@ -23,7 +24,8 @@ void UsbdObject::close_file(const QDBusMessage &msg)
     handle_close_file(msg);
 }
 
-void UsbdObject::open_file(const QString &file_name, int size, uint time_ms, const QDBusMessage &msg)
+void UsbdObject::open_file(const QString &file_name, int size, uint time_ms,
+                           const QDBusMessage &msg)
 {
     handle_open_file(file_name, size, time_ms, msg);
 }
@@ -92,7 +94,8 @@ void UsbdObjectImpl::handle_send_file(QList<QVariantMap> file_list, const QDBusM
     usbd_->send_file(file_list, msg);
 }
 
-void UsbdObjectImpl::handle_send_shm_data(QList<QVariantMap> shm_handle_list, const QDBusMessage &msg)
+void UsbdObjectImpl::handle_send_shm_data(QList<QVariantMap> shm_handle_list,
+                                          const QDBusMessage &msg)
 {
     msg.setDelayedReply(true);
     usbd_->send_shm_data(shm_handle_list, msg);

@@ -68,8 +68,7 @@ protected:
     void handle_send_data(const QByteArray &usb_data, uchar usb_data_len,
                           const QDBusMessage &msg) override;
     void handle_send_file(QList<QVariantMap> file_list, const QDBusMessage &msg) override;
-    void handle_send_shm_data(QList<QVariantMap> shm_handle_list,
-                              const QDBusMessage &msg) override;
+    void handle_send_shm_data(QList<QVariantMap> shm_handle_list, const QDBusMessage &msg) override;
 
 private:
     UsbD *usbd_;

@@ -23,8 +23,8 @@ UsbDBuffer *makeBuffer(const FilePiece &piece)
 UsbDBuffer *makeBuffer(const ShmPiece &piece)
 {
     return new UsbDBufferArvoHandle(piece.handle, 0, piece.size, piece.elementAlignment,
-                                    piece.elementPadding, piece.usePhysicalAddress,
-                                    piece.sessionId, nullptr);
+                                    piece.elementPadding, piece.usePhysicalAddress, piece.sessionId,
+                                    nullptr);
 }
 
 // Queues the request, or, when it did not pass its checks, answers it with the error at once and
@@ -58,10 +58,11 @@ void queuePieces(UsbDataIn *queue, bool decoded, const QList<Piece> &pieces,
 void UsbD::send_data(const QByteArray &usb_data, uchar usb_data_len, const QDBusMessage &msg)
 {
     // A length beyond the bytes sent would read past the array: refused with the error reply.
-    queueOrFail(dataIn_, usb_data_len <= usb_data.size(),
-                std::make_unique<UsbDDBusBufferList>(
-                    QList<UsbDBuffer *>{new UsbDBufferMem(usb_data, 0, usb_data_len, 0, 0, 0, nullptr)},
-                    msg, nullptr));
+    queueOrFail(
+        dataIn_, usb_data_len <= usb_data.size(),
+        std::make_unique<UsbDDBusBufferList>(
+            QList<UsbDBuffer *>{new UsbDBufferMem(usb_data, 0, usb_data_len, 0, 0, 0, nullptr)},
+            msg, nullptr));
 }
 
 void UsbD::send_file(QList<QVariantMap> file_list, const QDBusMessage &msg)

@@ -283,7 +283,9 @@ void SocketServer::queueSendRequest(const UsbDSocketConnectionPtr &client)
 
 } // namespace
 
-UsbDSocket::UsbDSocket(UsbDataIn *queue) : QObject(nullptr), queue_(queue) {}
+UsbDSocket::UsbDSocket(UsbDataIn *queue) : QObject(nullptr), queue_(queue)
+{
+}
 
 void UsbDSocket::process()
 {

@@ -40,7 +40,9 @@ size_t readAttribute(const QByteArray &path, char (&buffer)[kReadLimit])
 
 } // namespace
 
-Ep0EventFilter::Ep0EventFilter() : lastType_(FUNCTIONFS_DISABLE) {}
+Ep0EventFilter::Ep0EventFilter() : lastType_(FUNCTIONFS_DISABLE)
+{
+}
 
 int Ep0EventFilter::accept(quint8 type)
 {
@@ -59,7 +61,9 @@ int Ep0EventFilter::accept(quint8 type)
     }
 }
 
-UsbEp0::UsbEp0(int ep0Descriptor, QObject *parent) : QObject(parent), ep0_(ep0Descriptor) {}
+UsbEp0::UsbEp0(int ep0Descriptor, QObject *parent) : QObject(parent), ep0_(ep0Descriptor)
+{
+}
 
 void UsbEp0::setChargeCurrentMax(int value)
 {
@@ -125,8 +129,8 @@ void UsbEp0::handleEvent(quint8 type, bool link)
         // An unreadable state reads as empty, which counts as not configured.
         const size_t stateLength = readAttribute(statePath, buffer);
         constexpr char kConfigured[] = "configured";
-        if (stateLength >= sizeof(kConfigured) - 1 &&
-            memcmp(buffer, kConfigured, sizeof(kConfigured) - 1) == 0) {
+        if (stateLength >= sizeof(kConfigured) - 1
+            && memcmp(buffer, kConfigured, sizeof(kConfigured) - 1) == 0) {
             if (readAttribute(QByteArray(usbd::kMaxPowerPath), buffer) > 0)
                 setChargeCurrentMax(atoi(buffer));
         }

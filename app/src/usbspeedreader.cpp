@@ -27,7 +27,9 @@ constexpr size_t kReadLimit = 1024;
 
 } // namespace
 
-UsbSpeedReader::UsbSpeedReader(QObject *parent) : QObject(parent) {}
+UsbSpeedReader::UsbSpeedReader(QObject *parent) : QObject(parent)
+{
+}
 
 void UsbSpeedReader::onUsbLinkChanged(bool status)
 {

@@ -61,14 +61,14 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using usbd::client::Connection;
-using usbd::client::Response;
-using usbd::client::SendRequest;
 using benchutil::env;
 using benchutil::median;
 using benchutil::percentile;
 using benchutil::spawn;
 using benchutil::stop;
+using usbd::client::Connection;
+using usbd::client::Response;
+using usbd::client::SendRequest;
 
 constexpr std::size_t kKiB = 1024;
 constexpr std::size_t kMiB = 1024 * 1024;
@@ -78,15 +78,15 @@ constexpr char kMinimalService[] = "com.korvane.usbdbench";
 constexpr int kDbusTimeoutMs = 120000;
 
 struct Options {
-    int rounds = 4;            // A B B A: a multiple of 2 gives each side both places
-    double seconds = 1.0;      // per socket or send_data run
+    int rounds = 4;       // A B B A: a multiple of 2 gives each side both places
+    double seconds = 1.0; // per socket or send_data run
     std::size_t fileMiB = 1024;
     std::size_t shmMiB = 256;
     int linkIterations = 40;
     std::string cases = "file,shm,socket,dbus,curves,link";
-    std::string dataDir;       // curve data files; none written when empty
-    std::string profile;       // perf record of the daemon over all cases run, to this file
-    bool callgrind = false;    // servers under callgrind: instructions per request
+    std::string dataDir;    // curve data files; none written when empty
+    std::string profile;    // perf record of the daemon over all cases run, to this file
+    bool callgrind = false; // servers under callgrind: instructions per request
     std::vector<std::size_t> socketSizes;
     std::vector<int> clientCounts;
     bool quick = false;
@@ -100,8 +100,8 @@ bool wanted(const Options &o, const char *name)
 // ---- the server process as /proc shows it ----
 
 struct ProcStats {
-    double cpuSeconds = 0;  // on-CPU time of all threads (schedstat, nanoseconds)
-    long switches = 0;      // voluntary and involuntary context switches of all threads
+    double cpuSeconds = 0; // on-CPU time of all threads (schedstat, nanoseconds)
+    long switches = 0;     // voluntary and involuntary context switches of all threads
     long rssKiB = 0, hwmKiB = 0;
 };
 
@@ -229,9 +229,9 @@ bool waitForLink(const std::string &path)
 // ---- one measured run and the comparison in turns ----
 
 struct Sample {
-    double rate = 0;           // MB/s, requests/s or calls/s: higher is better
+    double rate = 0; // MB/s, requests/s or calls/s: higher is better
     double p50Us = 0, p99Us = 0;
-    double cpuPerUnit = 0;     // CPU seconds per GiB, or CPU microseconds per request
+    double cpuPerUnit = 0; // CPU seconds per GiB, or CPU microseconds per request
     double switchesPerUnit = 0;
     double instructionsPerUnit = 0; // with --callgrind: user-space instructions, all threads
     long rssKiB = 0, hwmKiB = 0;
@@ -271,8 +271,8 @@ Comparison compare(const std::string &label, const char *unit, const char *cpuUn
         c.cpuRatio.push_back(s[0].cpuPerUnit / std::max(1e-12, s[1].cpuPerUnit));
         c.switchRatio.push_back(s[0].switchesPerUnit / std::max(1e-12, s[1].switchesPerUnit));
         std::fprintf(stderr, "%s, round %d: usbd %.0f %s %.3g %s, minimal %.0f %s %.3g %s\n",
-                     label.c_str(), round + 1, s[0].rate, unit, s[0].cpuPerUnit, cpuUnit,
-                     s[1].rate, unit, s[1].cpuPerUnit, cpuUnit);
+                     label.c_str(), round + 1, s[0].rate, unit, s[0].cpuPerUnit, cpuUnit, s[1].rate,
+                     unit, s[1].cpuPerUnit, cpuUnit);
     }
     if (!c.ok)
         std::printf("%s: FAILED (a request failed or a server went away)\n", label.c_str());
@@ -323,9 +323,9 @@ void print(const Comparison &c, const char *aim)
 
 QDBusMessage usbdCall(const char *method)
 {
-    return QDBusMessage::createMethodCall(QLatin1String(usbd::kDBusService),
-                                          QLatin1String(usbd::kDBusObjectPath),
-                                          QLatin1String(usbd::kDBusInterface), QLatin1String(method));
+    return QDBusMessage::createMethodCall(
+        QLatin1String(usbd::kDBusService), QLatin1String(usbd::kDBusObjectPath),
+        QLatin1String(usbd::kDBusInterface), QLatin1String(method));
 }
 
 bool callOk(const QDBusMessage &reply)
@@ -353,8 +353,8 @@ bool writeSegments(int ep3, const char *base, const std::vector<Piece> &pieces, 
     return endpointwrite::writeSegments(ep3, segments);
 }
 
-bool rawFile(int ep3, const std::string &path, std::size_t fileSize, const std::vector<Piece> &pieces,
-             const char *zeros)
+bool rawFile(int ep3, const std::string &path, std::size_t fileSize,
+             const std::vector<Piece> &pieces, const char *zeros)
 {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
@@ -456,10 +456,14 @@ void fileCases(const Options &o, pid_t usbd, int ep3)
     for (const auto &c : cases) {
         print(compare(name + c.label, "MB/s", "CPU s/GiB", "per GiB", o.rounds,
                       [&](int side, Sample *s) {
-                          return timeBulk(usbd, side, c.bytes, [&] {
-                              return side == 0 ? usbdFile(path, c.pieces)
-                                               : rawFile(ep3, path, size, c.pieces, zeros.data());
-                          }, s);
+                          return timeBulk(
+                              usbd, side, c.bytes,
+                              [&] {
+                                  return side == 0
+                                             ? usbdFile(path, c.pieces)
+                                             : rawFile(ep3, path, size, c.pieces, zeros.data());
+                              },
+                              s);
                       }),
               " (aim >= 0.95; CPU aim <= 1.10)");
     }
@@ -520,10 +524,13 @@ void shmCases(const Options &o, pid_t usbd, int ep3)
                                                "address; usbd: by physical address all the same)");
         print(compare(name, "MB/s", "CPU s/GiB", "per GiB", o.rounds,
                       [&](int side, Sample *s) {
-                          return timeBulk(usbd, side, size, [&] {
-                              return side == 0 ? usbdShm(handle, size, physical)
-                                               : rawShm(ep3, handle, size, physical);
-                          }, s);
+                          return timeBulk(
+                              usbd, side, size,
+                              [&] {
+                                  return side == 0 ? usbdShm(handle, size, physical)
+                                                   : rawShm(ep3, handle, size, physical);
+                              },
+                              s);
                       }),
               physical ? " (no CPU copy on either side: the endpoint takes the address)"
                        : " (aim >= 0.95; CPU aim <= 1.10)");
@@ -550,8 +557,9 @@ bool runSocket(const std::string &path, pid_t server, const SocketLoad &load, do
     std::atomic<bool> stopped{false};
     std::atomic<long> answered{0};
     const auto measureFrom = Clock::now() + std::chrono::milliseconds(200);
-    const auto end = measureFrom + std::chrono::duration_cast<Clock::duration>(
-                                       std::chrono::duration<double>(seconds));
+    const auto end =
+        measureFrom
+        + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     for (int i = 0; i < load.clients; ++i) {
         threads.emplace_back([&, i] {
             Result &r = results[std::size_t(i)];
@@ -642,8 +650,8 @@ void socketCases(const Options &o, const Servers &servers, ArvoMemShare *shm)
     const std::vector<std::size_t> sizes =
         o.socketSizes.empty() ? std::vector<std::size_t>{64, 4 * kKiB, kMiB} : o.socketSizes;
     const std::vector<int> clientCounts = !o.clientCounts.empty() ? o.clientCounts
-                                          : o.quick ? std::vector<int>{1, 16}
-                                                    : std::vector<int>{1, 4, 16, 64};
+                                          : o.quick               ? std::vector<int>{1, 16}
+                                                                  : std::vector<int>{1, 4, 16, 64};
     for (const std::size_t size : sizes) {
         for (const int clients : clientCounts) {
             SocketLoad load;
@@ -652,14 +660,14 @@ void socketCases(const Options &o, const Servers &servers, ArvoMemShare *shm)
             load.clients = clients;
             const char *aim = size <= kLargestInline && clients == 1    ? " (aim >= 0.9)"
                               : size <= kLargestInline && clients == 16 ? " (aim >= 0.8)"
-                                                                          : "";
+                                                                        : "";
             const Comparison c = compare(
                 "socket " + sizeLabel(size) + (load.handle ? " handle" : " memory") + " entries, "
                     + std::to_string(clients) + (clients == 1 ? " client" : " clients"),
-                "requests/s", "us CPU/request", "per request", o.rounds,
-                [&](int side, Sample *s) {
+                "requests/s", "us CPU/request", "per request", o.rounds, [&](int side, Sample *s) {
                     return runSocket(side == 0 ? usbd::kSocketPath : kMinimalSocket,
-                                     side == 0 ? servers.usbd : servers.minimal, load, o.seconds, s);
+                                     side == 0 ? servers.usbd : servers.minimal, load, o.seconds,
+                                     s);
                 });
             print(c, aim);
             if (c.ok && clients == 64)
@@ -673,12 +681,10 @@ void socketCases(const Options &o, const Servers &servers, ArvoMemShare *shm)
 
 bool runSendData(const Servers &servers, int side, double seconds, Sample *s)
 {
-    QDBusMessage call =
-        side == 0 ? usbdCall("send_data")
-                  : QDBusMessage::createMethodCall(QLatin1String(kMinimalService),
-                                                   QStringLiteral("/bench"),
-                                                   QLatin1String(kMinimalService),
-                                                   QStringLiteral("send_data"));
+    QDBusMessage call = side == 0 ? usbdCall("send_data")
+                                  : QDBusMessage::createMethodCall(
+                                      QLatin1String(kMinimalService), QStringLiteral("/bench"),
+                                      QLatin1String(kMinimalService), QStringLiteral("send_data"));
     call << QByteArray(64, 'd') << QVariant::fromValue<uchar>(64);
     QDBusConnection bus = QDBusConnection::systemBus();
     for (int i = 0; i < 20; ++i)
@@ -689,8 +695,8 @@ bool runSendData(const Servers &servers, int side, double seconds, Sample *s)
     const ProcStats before = readStats(server);
     const double instructionsBefore = instructionsSoFar(server);
     const auto start = Clock::now();
-    const auto end = start + std::chrono::duration_cast<Clock::duration>(
-                                 std::chrono::duration<double>(seconds));
+    const auto end =
+        start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     for (auto t = start; t < end;) {
         const QDBusMessage reply = bus.call(call);
         const auto done = Clock::now();
@@ -702,7 +708,8 @@ bool runSendData(const Servers &servers, int side, double seconds, Sample *s)
     const ProcStats after = readStats(server);
     const double instructionsAfter = instructionsSoFar(server);
     if (instructionsBefore >= 0 && instructionsAfter >= 0)
-        s->instructionsPerUnit = (instructionsAfter - instructionsBefore) / double(latencies.size());
+        s->instructionsPerUnit =
+            (instructionsAfter - instructionsBefore) / double(latencies.size());
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     s->rate = double(latencies.size()) / elapsed;
     s->p50Us = percentile(latencies, 50);
@@ -764,12 +771,14 @@ void linkCase(const Options &o, Emulator *emulator)
             std::printf("link: the daemon did not report the link up\n");
             return;
         }
-        latencies.push_back(std::chrono::duration<double, std::milli>(watcher.seenAt - start).count());
+        latencies.push_back(
+            std::chrono::duration<double, std::milli>(watcher.seenAt - start).count());
     }
-    std::printf("ep0 ENABLE to link_type PropertiesChanged at a bus client, %d times: median %.2f ms, "
-                "p99 %.2f ms, max %.2f ms (aim: median <= 5 ms)\n",
-                o.linkIterations, median(latencies), percentile(latencies, 99),
-                *std::max_element(latencies.begin(), latencies.end()));
+    std::printf(
+        "ep0 ENABLE to link_type PropertiesChanged at a bus client, %d times: median %.2f ms, "
+        "p99 %.2f ms, max %.2f ms (aim: median <= 5 ms)\n",
+        o.linkIterations, median(latencies), percentile(latencies, 99),
+        *std::max_element(latencies.begin(), latencies.end()));
     std::fflush(stdout);
 }
 
@@ -800,17 +809,23 @@ bool curvePoint(const Servers &servers, const SocketLoad &load, double seconds, 
 void curves(const Options &o, const Servers &servers, ArvoMemShare *shm)
 {
     const double seconds = std::max(0.3, o.seconds / 2);
-    FILE *sizeFile = o.dataDir.empty() ? nullptr : std::fopen((o.dataDir + "/size.dat").c_str(), "w");
-    FILE *clientFile = o.dataDir.empty() ? nullptr : std::fopen((o.dataDir + "/clients.dat").c_str(), "w");
+    FILE *sizeFile =
+        o.dataDir.empty() ? nullptr : std::fopen((o.dataDir + "/size.dat").c_str(), "w");
+    FILE *clientFile =
+        o.dataDir.empty() ? nullptr : std::fopen((o.dataDir + "/clients.dat").c_str(), "w");
     if (sizeFile)
-        std::fprintf(sizeFile, "# bytes usbd_MBps minimal_MBps usbd_p99_us minimal_p99_us (1 client)\n");
+        std::fprintf(sizeFile,
+                     "# bytes usbd_MBps minimal_MBps usbd_p99_us minimal_p99_us (1 client)\n");
     if (clientFile)
-        std::fprintf(clientFile, "# clients usbd_rps minimal_rps usbd_p99_us minimal_p99_us usbd_rss_kib (64 B)\n");
+        std::fprintf(
+            clientFile,
+            "# clients usbd_rps minimal_rps usbd_p99_us minimal_p99_us usbd_rss_kib (64 B)\n");
     std::printf("scaling, medians of 3 runs per side and point in turns, %.1f s each:\n", seconds);
-    const std::vector<std::size_t> sizes = o.quick
-        ? std::vector<std::size_t>{64, 4 * kKiB, kMiB, 8 * kMiB}
-        : std::vector<std::size_t>{64, 512, 2 * kKiB, 4 * kKiB, 16 * kKiB, 64 * kKiB, 256 * kKiB,
-                                   kMiB, 2 * kMiB, 4 * kMiB, 8 * kMiB};
+    const std::vector<std::size_t> sizes =
+        o.quick
+            ? std::vector<std::size_t>{64, 4 * kKiB, kMiB, 8 * kMiB}
+            : std::vector<std::size_t>{64,         512,  2 * kKiB, 4 * kKiB, 16 * kKiB, 64 * kKiB,
+                                       256 * kKiB, kMiB, 2 * kMiB, 4 * kMiB, 8 * kMiB};
     for (const std::size_t size : sizes) {
         SocketLoad load;
         load.entryBytes = size;
@@ -822,17 +837,19 @@ void curves(const Options &o, const Servers &servers, ArvoMemShare *shm)
         std::printf("  %9s x1: usbd %8.1f MB/s p99 %6.0f us, minimal %8.1f MB/s p99 %6.0f us\n",
                     sizeLabel(size).c_str(), mb[0], s[0].p99Us, mb[1], s[1].p99Us);
         if (sizeFile)
-            std::fprintf(sizeFile, "%zu %.3f %.3f %.0f %.0f\n", size, mb[0], mb[1], s[0].p99Us, s[1].p99Us);
+            std::fprintf(sizeFile, "%zu %.3f %.3f %.0f %.0f\n", size, mb[0], mb[1], s[0].p99Us,
+                         s[1].p99Us);
     }
-    const std::vector<int> counts = o.quick ? std::vector<int>{1, 4, 16, 64}
-                                            : std::vector<int>{1, 2, 4, 8, 16, 32, 64};
+    const std::vector<int> counts =
+        o.quick ? std::vector<int>{1, 4, 16, 64} : std::vector<int>{1, 2, 4, 8, 16, 32, 64};
     for (const int clients : counts) {
         SocketLoad load;
         load.clients = clients;
         Sample s[2];
         if (!curvePoint(servers, load, seconds, s))
             break;
-        std::printf("  64 B x%-3d: usbd %8.0f req/s p99 %6.0f us RSS %ld KiB, minimal %8.0f req/s p99 %6.0f us\n",
+        std::printf("  64 B x%-3d: usbd %8.0f req/s p99 %6.0f us RSS %ld KiB, minimal %8.0f req/s "
+                    "p99 %6.0f us\n",
                     clients, s[0].rate, s[0].p99Us, s[0].rssKiB, s[1].rate, s[1].p99Us);
         if (clientFile)
             std::fprintf(clientFile, "%d %.0f %.0f %.0f %.0f %ld\n", clients, s[0].rate, s[1].rate,
@@ -904,7 +921,8 @@ int main(int argc, char **argv)
     const std::string usbdBin = env("USBD_BIN"), minimalBin = env("E2E_MINIMAL_BIN");
     const std::string emulatorName = env("USBD_EMU_NAME");
     if (usbdBin.empty() || minimalBin.empty()) {
-        std::fprintf(stderr, "e2e-bench: run through scripts/bench-e2e (USBD_BIN, E2E_MINIMAL_BIN)\n");
+        std::fprintf(stderr,
+                     "e2e-bench: run through scripts/bench-e2e (USBD_BIN, E2E_MINIMAL_BIN)\n");
         return 2;
     }
     QCoreApplication app(argc, argv);
@@ -914,12 +932,13 @@ int main(int argc, char **argv)
     gCallgrind = options.callgrind;
     // Under callgrind the servers run many times slower; the counts are what matters then.
     const std::vector<std::string> wrapper =
-        options.callgrind ? std::vector<std::string>{"/usr/bin/valgrind", "--tool=callgrind",
-                                                     "--callgrind-out-file="
-                                                         + (options.dataDir.empty() ? std::string("/tmp")
-                                                                                    : options.dataDir)
-                                                         + "/callgrind.out.%p"}
-                          : std::vector<std::string>{};
+        options.callgrind
+            ? std::vector<std::string>{"/usr/bin/valgrind", "--tool=callgrind",
+                                       "--callgrind-out-file="
+                                           + (options.dataDir.empty() ? std::string("/tmp")
+                                                                      : options.dataDir)
+                                           + "/callgrind.out.%p"}
+            : std::vector<std::string>{};
     auto wrapped = [&wrapper](std::vector<std::string> argv) {
         argv.insert(argv.begin(), wrapper.begin(), wrapper.end());
         return argv;
@@ -938,9 +957,11 @@ int main(int argc, char **argv)
     }
     ok = ok && waitForLink(usbd::kSocketPath);
     if (!ok)
-        std::fprintf(stderr, "e2e-bench: the daemon did not come up with a USB link (see its log)\n");
-    servers.minimal = spawn(wrapped({minimalBin, "--socket", kMinimalSocket, "--dbus", kMinimalService}),
-                            "/tmp/e2e-minimal.log");
+        std::fprintf(stderr,
+                     "e2e-bench: the daemon did not come up with a USB link (see its log)\n");
+    servers.minimal =
+        spawn(wrapped({minimalBin, "--socket", kMinimalSocket, "--dbus", kMinimalService}),
+              "/tmp/e2e-minimal.log");
     Connection probe;
     if (ok && !benchwait::connectWithin(&probe, kMinimalSocket, std::chrono::seconds(60))) {
         std::fprintf(stderr, "e2e-bench: the minimal server did not start\n");
@@ -972,7 +993,9 @@ int main(int argc, char **argv)
     if (ok && wanted(options, "dbus"))
         print(compare("D-Bus send_data 64 B round trips, 1 client", "calls/s", "us CPU/call",
                       "per call", options.rounds,
-                      [&](int side, Sample *s) { return runSendData(servers, side, options.seconds, s); }),
+                      [&](int side, Sample *s) {
+                          return runSendData(servers, side, options.seconds, s);
+                      }),
               "");
     if (ok && wanted(options, "curves"))
         curves(options, servers, &shm);

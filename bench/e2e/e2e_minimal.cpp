@@ -84,11 +84,12 @@ bool sendByHandle(std::uint64_t handle, std::uint32_t offset, std::uint32_t size
 
 void serveClient(int client)
 {
-    minimalserver::serve(client, [](const std::uint8_t *request, const usbd::SocketRequestEntry &entry) {
-        if (entry.type == usbd::kSocketEntryHandle)
-            return sendByHandle(entry.handle, entry.offset, entry.size);
-        return ::write(ep3, request + entry.offset, entry.size) == ssize_t(entry.size);
-    });
+    minimalserver::serve(
+        client, [](const std::uint8_t *request, const usbd::SocketRequestEntry &entry) {
+            if (entry.type == usbd::kSocketEntryHandle)
+                return sendByHandle(entry.handle, entry.offset, entry.size);
+            return ::write(ep3, request + entry.offset, entry.size) == ssize_t(entry.size);
+        });
     ::close(client);
 }
 
@@ -148,7 +149,8 @@ int main(int argc, char **argv)
     MinimalService service;
     if (!serviceName.empty()) {
         QDBusConnection bus = QDBusConnection::systemBus();
-        if (!bus.registerObject(QStringLiteral("/bench"), &service, QDBusConnection::ExportScriptableSlots)
+        if (!bus.registerObject(QStringLiteral("/bench"), &service,
+                                QDBusConnection::ExportScriptableSlots)
             || !bus.registerService(QString::fromStdString(serviceName))) {
             std::fprintf(stderr, "e2e_minimal: cannot offer %s on the bus\n", serviceName.c_str());
             return 1;

@@ -105,14 +105,16 @@ void runClient(int index, const Options &options, Clock::time_point start, Clock
     const std::string name = "client " + std::to_string(index);
     std::set<std::uint32_t> givenUp; // dropped as far as we know; may still be answered once
     std::uint32_t sequence = 0;
-    const auto spacing = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::seconds(options.seconds)) / std::max(1L, options.requests);
+    const auto spacing =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(options.seconds))
+        / std::max(1L, options.requests);
 
     // Waits for the answer to `id`; false when it did not come in time (dropped).
     auto await = [&](std::uint32_t id, Clock::duration wait, bool *sent) {
         const auto deadline = Clock::now() + wait;
         for (;;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
             Response response;
             const int result = connection.receive(&response, int(std::max<long>(0, left.count())));
             if (result == -ETIMEDOUT)
@@ -123,8 +125,8 @@ void runClient(int index, const Options &options, Clock::time_point start, Clock
                 return false;
             }
             if (response.requestId >> kIdClientShift != std::uint32_t(index)) {
-                error(name + " got the response to request " + std::to_string(response.requestId) +
-                      " of another connection");
+                error(name + " got the response to request " + std::to_string(response.requestId)
+                      + " of another connection");
                 continue;
             }
             if (response.requestId == id) {
@@ -135,8 +137,8 @@ void runClient(int index, const Options &options, Clock::time_point start, Clock
                 ++totals->late;
                 continue;
             }
-            error(name + " got a response to request " + std::to_string(response.requestId) +
-                  " that it was not waiting for (answered twice?)");
+            error(name + " got a response to request " + std::to_string(response.requestId)
+                  + " that it was not waiting for (answered twice?)");
         }
     };
 
@@ -151,7 +153,9 @@ void runClient(int index, const Options &options, Clock::time_point start, Clock
         const std::uint32_t id = std::uint32_t(index) << kIdClientShift | sequence++;
         const long changesBefore = linkChanges.load();
         const auto sentAt = Clock::now();
-        if (int result = connection.send(SendRequest(id).addMemory(payload, sizeof payload).encode()); result != 0) {
+        if (int result =
+                connection.send(SendRequest(id).addMemory(payload, sizeof payload).encode());
+            result != 0) {
             error(name + ": send failed: " + std::strerror(-result));
             return;
         }
@@ -163,7 +167,8 @@ void runClient(int index, const Options &options, Clock::time_point start, Clock
         if (stopping)
             return;
         if (!linkMayHaveChanged(changesBefore, sentAt))
-            error(name + ": request " + std::to_string(id) + " unanswered although the link stayed as it was");
+            error(name + ": request " + std::to_string(id)
+                  + " unanswered although the link stayed as it was");
         givenUp.insert(id);
         ++totals->dropped;
     }
@@ -198,10 +203,10 @@ void runDbusSender(int index, Clock::time_point end, DbusTotals *totals)
 {
     const std::string usbdctl = env("USBDCTL_BIN");
     for (long n = 0; !stopping && Clock::now() < end; ++n) {
-        const std::string command =
-            usbdctl + (n % 2 ? " send-file " + std::string(kDbusFile)
-                             : " send-data dbus-sender-" + std::to_string(index)) +
-            " --timeout 3 >/dev/null 2>&1";
+        const std::string command = usbdctl
+                                    + (n % 2 ? " send-file " + std::string(kDbusFile)
+                                             : " send-data dbus-sender-" + std::to_string(index))
+                                    + " --timeout 3 >/dev/null 2>&1";
         const long changesBefore = linkChanges.load();
         const auto sentAt = Clock::now();
         const int status = std::system(command.c_str());
@@ -286,9 +291,10 @@ bool parse(int argc, char **argv, Options *options)
     }
     if (options->warmupSeconds < 0)
         options->warmupSeconds = std::min(60, options->seconds / 3);
-    return options->seconds > 0 && options->clients > 0 && options->clients < 256 &&
-           options->requests > 0 && options->requests < (1L << kIdClientShift) - 1000 &&
-           options->pullMs > 2 * int(kPulledFor.count()) && options->warmupSeconds < options->seconds;
+    return options->seconds > 0 && options->clients > 0 && options->clients < 256
+           && options->requests > 0 && options->requests < (1L << kIdClientShift) - 1000
+           && options->pullMs > 2 * int(kPulledFor.count())
+           && options->warmupSeconds < options->seconds;
 }
 
 } // namespace
@@ -303,7 +309,8 @@ int main(int argc, char **argv)
         return 2;
     }
     if (env("USBD_BIN").empty() || env("USBDCTL_BIN").empty() || env("USBD_EMU_NAME").empty()) {
-        std::cerr << "usbd_load: runs inside usbd-emu with USBD_BIN, USBDCTL_BIN, USBD_EMUCTL and USBD_EMU_NAME\n";
+        std::cerr << "usbd_load: runs inside usbd-emu with USBD_BIN, USBDCTL_BIN, USBD_EMUCTL and "
+                     "USBD_EMU_NAME\n";
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
@@ -318,8 +325,9 @@ int main(int argc, char **argv)
         unlink(kDbusFile);
         if (code != 0)
             std::cerr << "---- daemon log (tail) ----\n"
-                      << usbdtest::readFile(kDaemonLog).substr(
-                             std::max<long>(0, long(usbdtest::readFile(kDaemonLog).size()) - 4000))
+                      << usbdtest::readFile(kDaemonLog)
+                             .substr(std::max<long>(0, long(usbdtest::readFile(kDaemonLog).size())
+                                                           - 4000))
                       << "----\n";
         return code;
     };
@@ -330,11 +338,12 @@ int main(int argc, char **argv)
     }
     // Linked once an empty request is sent rather than failed.
     bool linked = false;
-    for (const auto until = Clock::now() + 20s; !linked && Clock::now() < until; std::this_thread::sleep_for(50ms)) {
+    for (const auto until = Clock::now() + 20s; !linked && Clock::now() < until;
+         std::this_thread::sleep_for(50ms)) {
         Connection probe;
         Response response;
-        linked = probe.connect() == 0 && probe.send(SendRequest(0).encode()) == 0 &&
-                 probe.receive(&response, 2000) == 0 && response.sent();
+        linked = probe.connect() == 0 && probe.send(SendRequest(0).encode()) == 0
+                 && probe.receive(&response, 2000) == 0 && response.sent();
     }
     if (!linked) {
         std::cerr << "usbd_load: the daemon never served a request on the USB link\n";
@@ -347,7 +356,8 @@ int main(int argc, char **argv)
     DbusTotals dbusTotals;
     std::vector<std::thread> threads;
     for (int i = 0; i < options.clients; ++i)
-        threads.emplace_back(runClient, i + 1, std::cref(options), start, end, &clientTotals[std::size_t(i)]);
+        threads.emplace_back(runClient, i + 1, std::cref(options), start, end,
+                             &clientTotals[std::size_t(i)]);
     for (int i = 0; i < options.dbusSenders; ++i)
         threads.emplace_back(runDbusSender, i, end, &dbusTotals);
     std::thread puller(pullLink, std::cref(options), end);
@@ -384,17 +394,18 @@ int main(int argc, char **argv)
         all.late += t.late;
     }
     const long rssEnd = rssKib(daemon);
-    std::printf("usbd_load: %d s, %d clients: %ld sent, %ld failed, %ld dropped (%ld answered late); "
-                "D-Bus: %ld sent, %ld failed, %ld dropped; %ld link changes; daemon RSS %ld KiB at "
-                "start, %ld after %d s warm-up, at most %ld after, %ld at the end\n",
-                options.seconds, options.clients, all.sent, all.failed, all.dropped, all.late,
-                dbusTotals.sent.load(), dbusTotals.failed.load(), dbusTotals.dropped.load(),
-                linkChanges.load(), rssFirst, rssBase, options.warmupSeconds, rssMax, rssEnd);
+    std::printf(
+        "usbd_load: %d s, %d clients: %ld sent, %ld failed, %ld dropped (%ld answered late); "
+        "D-Bus: %ld sent, %ld failed, %ld dropped; %ld link changes; daemon RSS %ld KiB at "
+        "start, %ld after %d s warm-up, at most %ld after, %ld at the end\n",
+        options.seconds, options.clients, all.sent, all.failed, all.dropped, all.late,
+        dbusTotals.sent.load(), dbusTotals.failed.load(), dbusTotals.dropped.load(),
+        linkChanges.load(), rssFirst, rssBase, options.warmupSeconds, rssMax, rssEnd);
     if (all.sent == 0)
         error("no request was sent at all");
     if (options.rssCheck && rssBase > 0 && rssMax - rssBase > options.rssSlackKib)
-        error("daemon RSS grew by " + std::to_string(rssMax - rssBase) + " KiB after the warm-up (slack " +
-              std::to_string(options.rssSlackKib) + " KiB)");
+        error("daemon RSS grew by " + std::to_string(rssMax - rssBase)
+              + " KiB after the warm-up (slack " + std::to_string(options.rssSlackKib) + " KiB)");
     if (waitpid(daemon, nullptr, WNOHANG) != 0)
         error("the daemon is gone");
     std::fflush(stdout);

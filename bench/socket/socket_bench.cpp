@@ -30,11 +30,11 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using benchutil::median;
+using benchutil::percentile;
 using usbd::client::Connection;
 using usbd::client::Response;
 using usbd::client::SendRequest;
-using benchutil::median;
-using benchutil::percentile;
 
 constexpr int kEntryBytes = 64;
 constexpr char kRawSocketPath[] = "/tmp/usbd-bench-raw-socket";
@@ -89,17 +89,20 @@ bool measure(const std::string &path, int clients, double seconds, Figures *figu
     std::vector<ClientResult> results(clients);
     std::vector<std::thread> threads;
     const auto measureFrom = Clock::now() + kWarmUp;
-    const auto end = measureFrom + std::chrono::duration_cast<Clock::duration>(
-                                       std::chrono::duration<double>(seconds));
+    const auto end =
+        measureFrom
+        + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     for (int i = 0; i < clients; ++i)
-        threads.emplace_back(runClient, path, std::uint32_t(i) << 24, measureFrom, end, &results[i]);
+        threads.emplace_back(runClient, path, std::uint32_t(i) << 24, measureFrom, end,
+                             &results[i]);
     for (std::thread &t : threads)
         t.join();
 
     std::vector<std::uint32_t> all;
     for (const ClientResult &r : results) {
         if (r.broken || r.failed) {
-            std::fprintf(stderr, "socket-bench: a client lost its connection or a request failed\n");
+            std::fprintf(stderr,
+                         "socket-bench: a client lost its connection or a request failed\n");
             return false;
         }
         all.insert(all.end(), r.latenciesUs.begin(), r.latenciesUs.end());
@@ -159,11 +162,11 @@ private:
     }
     void serve(int client)
     {
-        minimalserver::serve(client, [this](const std::uint8_t *request,
-                                            const usbd::SocketRequestEntry &entry) {
-            return entry.type != usbd::kSocketEntryMemory
-                   || ::write(ep3_, request + entry.offset, entry.size) == ssize_t(entry.size);
-        });
+        minimalserver::serve(
+            client, [this](const std::uint8_t *request, const usbd::SocketRequestEntry &entry) {
+                return entry.type != usbd::kSocketEntryMemory
+                       || ::write(ep3_, request + entry.offset, entry.size) == ssize_t(entry.size);
+            });
         ::close(client);
     }
 
@@ -181,8 +184,8 @@ bool compare(int clients, double seconds, int rounds)
         Figures figures[2];
         for (int side = 0; side < 2; ++side) {
             const int which = round % 2 == 0 ? side : 1 - side;
-            if (!measure(which == 0 ? usbd::kSocketPath : kRawSocketPath, clients,
-                         seconds, &figures[which]))
+            if (!measure(which == 0 ? usbd::kSocketPath : kRawSocketPath, clients, seconds,
+                         &figures[which]))
                 return false;
         }
         for (int which = 0; which < 2; ++which) {

@@ -48,8 +48,8 @@ SendRequest &SendRequest::addOther(std::uint32_t type)
 std::size_t SendRequest::encodedSize() const
 {
     // Only the end entry's type word is sent.
-    return kSocketHeaderSize + entries_.size() * kSocketEntrySize + kSocketEndEntrySize +
-           data_.size();
+    return kSocketHeaderSize + entries_.size() * kSocketEntrySize + kSocketEndEntrySize
+           + data_.size();
 }
 
 std::size_t SendRequest::segmentCount() const
@@ -68,16 +68,17 @@ bool SendRequest::encode(std::vector<std::uint8_t> *out, std::string *error) con
     const std::size_t size = encodedSize();
     if (size > kMaxRequestSize) {
         if (error)
-            *error = "the request needs " + std::to_string(size) + " bytes; one request holds at most " +
-                     std::to_string(kMaxRequestSize);
+            *error = "the request needs " + std::to_string(size)
+                     + " bytes; one request holds at most " + std::to_string(kMaxRequestSize);
         return false;
     }
     if (segmentCount() > kMaxSegments) {
         if (error)
-            *error = "the request needs " + std::to_string(segmentCount()) +
-                     " segments (one per entry, one more for its padding); the daemon sends at most " +
-                     std::to_string(kMaxSegments) + " in one request (" + std::to_string(kMaxSegments) +
-                     " entries, or " + std::to_string(kMaxSegments / 2) + " with padding)";
+            *error =
+                "the request needs " + std::to_string(segmentCount())
+                + " segments (one per entry, one more for its padding); the daemon sends at most "
+                + std::to_string(kMaxSegments) + " in one request (" + std::to_string(kMaxSegments)
+                + " entries, or " + std::to_string(kMaxSegments / 2) + " with padding)";
         return false;
     }
     out->assign(size, 0);

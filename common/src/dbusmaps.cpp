@@ -69,30 +69,36 @@ bool hasKeys(const QVariantMap &map, const QList<KeyType> &keys)
 
 bool decodeFileMaps(const QList<QVariantMap> &maps, QList<FilePiece> *pieces)
 {
-    return decodeMaps(maps, fileKeys(), [](const QVariantMap &map) {
-        FilePiece piece;
-        piece.path = map.value(CUsbD::tagPath()).toString();
-        piece.offset = quint32(map.value(CUsbD::tagOffset()).toLongLong());
-        piece.size = quint32(map.value(CUsbD::tagSize()).toInt());
-        piece.elementAlignment = quint32(map.value(CUsbD::tagElementAlignment()).toInt());
-        piece.elementPadding = quint32(map.value(CUsbD::tagElementPadding()).toInt());
-        piece.sessionId = quint16(map.value(CUsbD::tagSessionId()).toUInt());
-        return piece;
-    }, pieces);
+    return decodeMaps(
+        maps, fileKeys(),
+        [](const QVariantMap &map) {
+            FilePiece piece;
+            piece.path = map.value(CUsbD::tagPath()).toString();
+            piece.offset = quint32(map.value(CUsbD::tagOffset()).toLongLong());
+            piece.size = quint32(map.value(CUsbD::tagSize()).toInt());
+            piece.elementAlignment = quint32(map.value(CUsbD::tagElementAlignment()).toInt());
+            piece.elementPadding = quint32(map.value(CUsbD::tagElementPadding()).toInt());
+            piece.sessionId = quint16(map.value(CUsbD::tagSessionId()).toUInt());
+            return piece;
+        },
+        pieces);
 }
 
 bool decodeShmMaps(const QList<QVariantMap> &maps, QList<ShmPiece> *pieces)
 {
-    return decodeMaps(maps, shmKeys(), [](const QVariantMap &map) {
-        ShmPiece piece;
-        piece.handle = map.value(CUsbD::tagHandle()).toULongLong();
-        piece.size = quint32(map.value(CUsbD::tagSize()).toLongLong());
-        piece.elementAlignment = quint32(map.value(CUsbD::tagElementAlignment()).toInt());
-        piece.elementPadding = quint32(map.value(CUsbD::tagElementPadding()).toInt());
-        piece.usePhysicalAddress = map.value(CUsbD::tagUsePhysicalAddress()).toBool();
-        piece.sessionId = quint16(map.value(CUsbD::tagSessionId()).toUInt());
-        return piece;
-    }, pieces);
+    return decodeMaps(
+        maps, shmKeys(),
+        [](const QVariantMap &map) {
+            ShmPiece piece;
+            piece.handle = map.value(CUsbD::tagHandle()).toULongLong();
+            piece.size = quint32(map.value(CUsbD::tagSize()).toLongLong());
+            piece.elementAlignment = quint32(map.value(CUsbD::tagElementAlignment()).toInt());
+            piece.elementPadding = quint32(map.value(CUsbD::tagElementPadding()).toInt());
+            piece.usePhysicalAddress = map.value(CUsbD::tagUsePhysicalAddress()).toBool();
+            piece.sessionId = quint16(map.value(CUsbD::tagSessionId()).toUInt());
+            return piece;
+        },
+        pieces);
 }
 
 QVariantMap fileMap(const FilePiece &piece)

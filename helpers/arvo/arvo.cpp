@@ -65,7 +65,8 @@ ArvoDevicePtr deviceOpen(const char *name, void *param)
     arvo_hal_handle_t handle = 0;
     const int result = arvo_hal_device_open(name, param, &handle);
     if (result != 0 && result != ARVO_HAL_ERR_ALREADY_OPEN) {
-        qCritical() << "arvo_hal_device_open:" << result << ", name:" << QString::fromUtf8(name ? name : "");
+        qCritical() << "arvo_hal_device_open:" << result
+                    << ", name:" << QString::fromUtf8(name ? name : "");
         return {};
     }
     return ArvoDevicePtr(new ArvoDevice(handle));

@@ -57,7 +57,8 @@ bool ArvoMemShare::ionAllocate(arvo_hal_mem_t *out, quint32 size)
         return false;
     }
     // Rounded up in 64 bits: a size within 127 of 4 GiB must not wrap to a tiny allocation.
-    const quint64 rounded = (quint64(size) + kAllocationGranule - 1) / kAllocationGranule * kAllocationGranule;
+    const quint64 rounded =
+        (quint64(size) + kAllocationGranule - 1) / kAllocationGranule * kAllocationGranule;
     if (rounded > 0xFFFFFFFFu) {
         qWarning() << "arvo_hal_mem_alloc:" << ARVO_HAL_ERR_INVALID;
         *out = 0;
@@ -74,7 +75,9 @@ bool ArvoMemShare::ionAllocate(arvo_hal_mem_t *out, quint32 size)
 }
 
 ArvoMemShare::ArvoMemShare(quint64 handle, quint32 offset, quint32 dataSize, QObject *parent)
-    : QObject(parent), dataSize_(dataSize), offset_(offset)
+    : QObject(parent),
+      dataSize_(dataSize),
+      offset_(offset)
 {
     arvo_hal_mem_t imported = 0;
     const int result = arvo_hal_mem_import(ion()->handle(), &imported, handle);
@@ -87,7 +90,8 @@ ArvoMemShare::ArvoMemShare(quint64 handle, quint32 offset, quint32 dataSize, QOb
 }
 
 ArvoMemShare::ArvoMemShare(quint32 size, bool inProcess, QObject *parent)
-    : QObject(parent), dataSize_(size)
+    : QObject(parent),
+      dataSize_(size)
 {
     if (inProcess) {
         heapSize_ = size;

@@ -45,8 +45,8 @@ int main(int argc, char **argv)
     if (!host)
         return 1;
     usbd_host_select(host, bus, address);
-    usbd_host_set_wait(host, !once);      /* opening waits for the device to (re)appear */
-    usbd_host_set_idle_timeout(host, 0);  /* a device with nothing to send is not an error */
+    usbd_host_set_wait(host, !once);     /* opening waits for the device to (re)appear */
+    usbd_host_set_idle_timeout(host, 0); /* a device with nothing to send is not an error */
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
 
@@ -56,13 +56,14 @@ int main(int argc, char **argv)
         if (status != USBD_HOST_OK)
             break;
         const usbd_host_device *device = usbd_host_opened(host);
-        fprintf(stderr, "follow: reading from %03u:%03u %04x:%04x (%s)\n", usbd_host_device_bus(device),
-                usbd_host_device_address(device), usbd_host_device_vendor_id(device),
-                usbd_host_device_product_id(device), usbd_host_device_speed(device));
+        fprintf(stderr, "follow: reading from %03u:%03u %04x:%04x (%s)\n",
+                usbd_host_device_bus(device), usbd_host_device_address(device),
+                usbd_host_device_vendor_id(device), usbd_host_device_product_id(device),
+                usbd_host_device_speed(device));
         status = usbd_host_receive(host, 0, write_out, NULL);
         fflush(stdout);
-        fprintf(stderr, "follow: %llu bytes, then %s\n", (unsigned long long)usbd_host_stream_bytes(host),
-                usbd_host_status_name(status));
+        fprintf(stderr, "follow: %llu bytes, then %s\n",
+                (unsigned long long)usbd_host_stream_bytes(host), usbd_host_status_name(status));
         if (status != USBD_HOST_GONE || once)
             break;
     }

@@ -20,8 +20,8 @@ constexpr uint16_t kPacketSizeMask = 0x07FF;
 std::optional<FunctionInterface> matchSetting(const libusb_interface_descriptor &setting)
 {
     if (setting.bInterfaceClass != kFunctionClass || setting.bInterfaceSubClass != kFunctionSubClass
-        || setting.bInterfaceProtocol != kFunctionProtocol || setting.bNumEndpoints != kFunctionEndpointCount
-        || setting.endpoint == nullptr)
+        || setting.bInterfaceProtocol != kFunctionProtocol
+        || setting.bNumEndpoints != kFunctionEndpointCount || setting.endpoint == nullptr)
         return std::nullopt;
 
     FunctionInterface function;
@@ -32,9 +32,11 @@ std::optional<FunctionInterface> matchSetting(const libusb_interface_descriptor 
     int outs = 0;
     for (int i = 0; i < setting.bNumEndpoints; ++i) {
         const libusb_endpoint_descriptor &descriptor = setting.endpoint[i];
-        const Endpoint endpoint{descriptor.bEndpointAddress, uint16_t(descriptor.wMaxPacketSize & kPacketSizeMask)};
+        const Endpoint endpoint{descriptor.bEndpointAddress,
+                                uint16_t(descriptor.wMaxPacketSize & kPacketSizeMask)};
         // A bulk endpoint without a packet size cannot carry data; such a descriptor is not ours.
-        if ((descriptor.bmAttributes & kTransferTypeMask) != LIBUSB_TRANSFER_TYPE_BULK || endpoint.maxPacketSize == 0)
+        if ((descriptor.bmAttributes & kTransferTypeMask) != LIBUSB_TRANSFER_TYPE_BULK
+            || endpoint.maxPacketSize == 0)
             return std::nullopt;
         if (endpoint.address & LIBUSB_ENDPOINT_IN) {
             if (ins++ == 0)
@@ -83,7 +85,8 @@ std::optional<BusAddress> parseBusAddress(std::string_view text)
 std::string toString(BusAddress location)
 {
     char text[8];
-    std::snprintf(text, sizeof(text), "%03u:%03u", unsigned(location.bus), unsigned(location.address));
+    std::snprintf(text, sizeof(text), "%03u:%03u", unsigned(location.bus),
+                  unsigned(location.address));
     return text;
 }
 
@@ -110,7 +113,8 @@ unsigned maxPowerMilliamps(uint8_t bMaxPower, int libusbSpeed)
     return bMaxPower * (libusbSpeed >= LIBUSB_SPEED_SUPER ? 8u : 2u);
 }
 
-size_t nextReceiveLength(uint64_t limit, uint64_t receivedOrAsked, size_t chunk, uint16_t maxPacketSize)
+size_t nextReceiveLength(uint64_t limit, uint64_t receivedOrAsked, size_t chunk,
+                         uint16_t maxPacketSize)
 {
     if (limit == 0)
         return chunk;
@@ -128,20 +132,26 @@ std::string permissionMessage(BusAddress location, uint16_t vendorId, uint16_t p
     node[3] = '/';
     char ids[16];
     std::snprintf(ids, sizeof(ids), "%04x:%04x", vendorId, productId);
-    std::string message = "permission denied opening /dev/bus/usb/" + node + " (device " + ids + "): ";
+    std::string message =
+        "permission denied opening /dev/bus/usb/" + node + " (device " + ids + "): ";
     const std::string rule = USBD_HOST_UDEV_RULE;
     if (vendorId == kDefaultVendorId && productId == kDefaultProductId)
-        return message + "the udev rule " + rule + " opens it to the group plugdev and the user at the seat; "
-               "be in plugdev (log in again after adding yourself), and if the rule was installed after the "
-               "device was plugged in, run `udevadm trigger` or re-plug it";
+        return message + "the udev rule " + rule
+               + " opens it to the group plugdev and the user at the seat; "
+                 "be in plugdev (log in again after adding yourself), and if the rule was "
+                 "installed after the "
+                 "device was plugged in, run `udevadm trigger` or re-plug it";
     char line[200];
     std::snprintf(line, sizeof(line),
                   "SUBSYSTEM==\"usb\", ENV{DEVTYPE}==\"usb_device\", ATTR{idVendor}==\"%04x\", "
                   "ATTR{idProduct}==\"%04x\", MODE=\"0660\", GROUP=\"plugdev\", TAG+=\"uaccess\"",
                   vendorId, productId);
-    return message + "the udev rule " + rule + " covers only the default ids 1d6b:0105; for this device add\n  "
-           + line + "\nto /etc/udev/rules.d/70-usbd-host-local.rules (usbd-gadget host-rule prints it on the "
-           "device), then run `udevadm control --reload && udevadm trigger`, and be in the group plugdev";
+    return message + "the udev rule " + rule
+           + " covers only the default ids 1d6b:0105; for this device add\n  " + line
+           + "\nto /etc/udev/rules.d/70-usbd-host-local.rules (usbd-gadget host-rule prints it on "
+             "the "
+             "device), then run `udevadm control --reload && udevadm trigger`, and be in the group "
+             "plugdev";
 }
 
 } // namespace usbd::host

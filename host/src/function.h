@@ -45,7 +45,10 @@ std::optional<FunctionInterface> findFunction(const libusb_config_descriptor &co
 struct BusAddress {
     uint8_t bus = 0;
     uint8_t address = 0;
-    bool operator==(const BusAddress &other) const { return bus == other.bus && address == other.address; }
+    bool operator==(const BusAddress &other) const
+    {
+        return bus == other.bus && address == other.address;
+    }
     bool operator!=(const BusAddress &other) const { return !(*this == other); }
 };
 
@@ -63,7 +66,8 @@ unsigned maxPowerMilliamps(uint8_t bMaxPower, int libusbSpeed);
 // How much the next bulk IN transfer may ask for: at most chunk, and with a limit no more than
 // is still missing, rounded up to whole packets (a device that fills its last packet would
 // otherwise overflow the transfer and lose that packet). 0 when nothing more may be asked for.
-size_t nextReceiveLength(uint64_t limit, uint64_t receivedOrAsked, size_t chunk, uint16_t maxPacketSize);
+size_t nextReceiveLength(uint64_t limit, uint64_t receivedOrAsked, size_t chunk,
+                         uint16_t maxPacketSize);
 
 // What a refused open should tell the user: which rule gives access to devices with these ids,
 // and for ids other than the defaults the exact line to add for them.

@@ -109,7 +109,10 @@ struct HandleDeleter {
 using HandlePtr = std::unique_ptr<libusb_device_handle, HandleDeleter>;
 
 struct ConfigDeleter {
-    void operator()(libusb_config_descriptor *config) const { libusb_free_config_descriptor(config); }
+    void operator()(libusb_config_descriptor *config) const
+    {
+        libusb_free_config_descriptor(config);
+    }
 };
 using ConfigPtr = std::unique_ptr<libusb_config_descriptor, ConfigDeleter>;
 
@@ -119,7 +122,8 @@ bool interrupted(const usbd_host *host)
 }
 
 // Ends a call with status; an interruption is used up by the call it ended.
-usbd_host_status finish(usbd_host *host, usbd_host_status status, std::string message = std::string())
+usbd_host_status finish(usbd_host *host, usbd_host_status status,
+                        std::string message = std::string())
 {
     if (status == USBD_HOST_INTERRUPTED)
         host->interruptRequested.store(false);
@@ -189,7 +193,8 @@ struct Candidate {
 };
 
 // present: whether a device sits at `only` at all, to tell "not there" from "not ours".
-std::vector<Candidate> scan(libusb_context *context, const std::optional<BusAddress> &only, bool *present)
+std::vector<Candidate> scan(libusb_context *context, const std::optional<BusAddress> &only,
+                            bool *present)
 {
     std::vector<Candidate> found;
     libusb_device **list = nullptr;
@@ -229,7 +234,8 @@ std::vector<Candidate> scan(libusb_context *context, const std::optional<BusAddr
     return found;
 }
 
-void readStrings(libusb_device_handle *handle, const libusb_device_descriptor &descriptor, usbd_host_device *info)
+void readStrings(libusb_device_handle *handle, const libusb_device_descriptor &descriptor,
+                 usbd_host_device *info)
 {
     auto read = [&](uint8_t index, std::string *into) {
         if (index == 0)
@@ -264,8 +270,8 @@ public:
         if (context_
             && libusb_hotplug_register_callback(context_.get(), LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED,
                                                 LIBUSB_HOTPLUG_NO_FLAGS, LIBUSB_HOTPLUG_MATCH_ANY,
-                                                LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, &ArrivalWatch::arrived,
-                                                this, nullptr)
+                                                LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
+                                                &ArrivalWatch::arrived, this, nullptr)
                    != LIBUSB_SUCCESS)
             context_.reset();
     }
@@ -288,7 +294,8 @@ public:
     }
 
 private:
-    static int LIBUSB_CALL arrived(libusb_context *, libusb_device *, libusb_hotplug_event, void *self)
+    static int LIBUSB_CALL arrived(libusb_context *, libusb_device *, libusb_hotplug_event,
+                                   void *self)
     {
         static_cast<ArrivalWatch *>(self)->arrived_ = 1;
         return 0;
@@ -322,7 +329,8 @@ usbd_host_status find(usbd_host *host, Found *found)
             if (!host->only)
                 error = "no device carrying the function (" + functionShape() + ") is attached";
             else if (present)
-                error = "device " + toString(*host->only) + " does not carry the function (" + functionShape() + ")";
+                error = "device " + toString(*host->only) + " does not carry the function ("
+                        + functionShape() + ")";
             else
                 error = "no device at " + toString(*host->only);
             return finish(host, USBD_HOST_NOT_FOUND, error);
@@ -367,7 +375,9 @@ void LIBUSB_CALL onTransferDone(libusb_transfer *transfer)
 class Transfers {
 public:
     Transfers(const usbd_host &host, Endpoint endpoint)
-        : context_(host.context), handle_(host.handle), endpoint_(endpoint),
+        : context_(host.context),
+          handle_(host.handle),
+          endpoint_(endpoint),
           size_(std::clamp(host.transferSize, kMinTransferSize, kMaxTransferSize)),
           slots_(size_t(std::clamp(host.transfersInFlight, 1, kMaxTransfersInFlight)))
     {
@@ -396,8 +406,8 @@ public:
 
     int submit(Slot *slot, size_t length)
     {
-        libusb_fill_bulk_transfer(slot->transfer, handle_, endpoint_.address, slot->buffer.get(), int(length),
-                                  onTransferDone, slot, 0);
+        libusb_fill_bulk_transfer(slot->transfer, handle_, endpoint_.address, slot->buffer.get(),
+                                  int(length), onTransferDone, slot, 0);
         slot->completed = false;
         const int rc = libusb_submit_transfer(slot->transfer);
         if (rc == LIBUSB_SUCCESS) {
@@ -428,7 +438,10 @@ public:
     }
 
     // The oldest transfer once it has come back; the caller hands it to release() when done.
-    Slot *completedHead() { return !order_.empty() && order_.front()->completed ? order_.front() : nullptr; }
+    Slot *completedHead()
+    {
+        return !order_.empty() && order_.front()->completed ? order_.front() : nullptr;
+    }
 
     void release(Slot *slot)
     {
@@ -502,7 +515,11 @@ public:
     }
 
     bool stopping() const { return stopping_; }
-    bool broken() const { return status_ != USBD_HOST_OK && status_ != USBD_HOST_INTERRUPTED && status_ != USBD_HOST_TIMEOUT; }
+    bool broken() const
+    {
+        return status_ != USBD_HOST_OK && status_ != USBD_HOST_INTERRUPTED
+               && status_ != USBD_HOST_TIMEOUT;
+    }
 
     // The first reason to end wins; later ones (the cancellations it causes) are consequences.
     void end(usbd_host_status status, std::string message, Transfers &transfers)
@@ -521,7 +538,8 @@ public:
         if (rc == LIBUSB_ERROR_NO_DEVICE)
             end(USBD_HOST_GONE, "the device left the bus", transfers);
         else
-            end(USBD_HOST_FAILED, std::string("cannot ") + doing + " the device: " + libusb_strerror(rc), transfers);
+            end(USBD_HOST_FAILED,
+                std::string("cannot ") + doing + " the device: " + libusb_strerror(rc), transfers);
     }
 
     void moved(uint64_t bytes)
@@ -539,17 +557,21 @@ public:
         const auto now = Clock::now();
         if (!stopping_ && interrupted(&host_))
             end(USBD_HOST_INTERRUPTED, "interrupted", transfers);
-        if (!stopping_ && host_.idleTimeoutMs > 0 && now - lastMoved_ >= std::chrono::milliseconds(host_.idleTimeoutMs))
-            end(USBD_HOST_TIMEOUT, "nothing moved for " + std::to_string(host_.idleTimeoutMs) + " ms", transfers);
+        if (!stopping_ && host_.idleTimeoutMs > 0
+            && now - lastMoved_ >= std::chrono::milliseconds(host_.idleTimeoutMs))
+            end(USBD_HOST_TIMEOUT,
+                "nothing moved for " + std::to_string(host_.idleTimeoutMs) + " ms", transfers);
         if (host_.progress && now - lastProgress_ >= kTick) {
             lastProgress_ = now;
-            host_.progress(host_.streamBytes, std::chrono::duration<double>(now - start_).count(), host_.progressUser);
+            host_.progress(host_.streamBytes, std::chrono::duration<double>(now - start_).count(),
+                           host_.progressUser);
         }
     }
 
     usbd_host_status finishStream()
     {
-        host_.streamSeconds = host_.streamBytes ? std::chrono::duration<double>(lastMoved_ - start_).count() : 0;
+        host_.streamSeconds =
+            host_.streamBytes ? std::chrono::duration<double>(lastMoved_ - start_).count() : 0;
         return finish(&host_, status_, message_);
     }
 
@@ -568,7 +590,8 @@ private:
 // (unless the stream already broke) before its slot is released. A transfer that ends badly
 // ends the stream; the transfers still in flight are then cancelled and waited for.
 template <typename Fill, typename Take>
-usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take take, bool *transferFailed)
+usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take take,
+                      bool *transferFailed)
 {
     for (;;) {
         while (!state.stopping()) {
@@ -604,9 +627,9 @@ bool deviceLeft(libusb_device_handle *handle, const usbd_host *host)
     const auto until = Clock::now() + kGoneCheckTime;
     for (;;) {
         unsigned char status[2];
-        const int rc = libusb_control_transfer(handle, LIBUSB_ENDPOINT_IN | LIBUSB_REQUEST_TYPE_STANDARD
-                                                           | LIBUSB_RECIPIENT_DEVICE,
-                                               LIBUSB_REQUEST_GET_STATUS, 0, 0, status, sizeof(status), 100);
+        const int rc = libusb_control_transfer(
+            handle, LIBUSB_ENDPOINT_IN | LIBUSB_REQUEST_TYPE_STANDARD | LIBUSB_RECIPIENT_DEVICE,
+            LIBUSB_REQUEST_GET_STATUS, 0, 0, status, sizeof(status), 100);
         if (rc == LIBUSB_ERROR_NO_DEVICE)
             return true;
         if (rc >= 0 || Clock::now() >= until || interrupted(host))
@@ -664,7 +687,8 @@ usbd_host_status openOnce(usbd_host *host, bool *retry)
     if (rc != LIBUSB_SUCCESS) {
         if (rc == LIBUSB_ERROR_ACCESS)
             return finish(host, USBD_HOST_ACCESS_DENIED, permissionMessage(candidate.info));
-        return finish(host, statusOf(rc), "cannot open " + toString(location) + ": " + libusb_strerror(rc));
+        return finish(host, statusOf(rc),
+                      "cannot open " + toString(location) + ": " + libusb_strerror(rc));
     }
 
     host->handle = raw;
@@ -680,22 +704,24 @@ usbd_host_status openOnce(usbd_host *host, bool *retry)
     if (rc != LIBUSB_SUCCESS) {
         std::string error;
         if (rc == LIBUSB_ERROR_BUSY)
-            error = "interface " + std::to_string(function.interfaceNumber) + " of " + toString(location)
-                    + " is in use by another program";
+            error = "interface " + std::to_string(function.interfaceNumber) + " of "
+                    + toString(location) + " is in use by another program";
         else if (rc == LIBUSB_ERROR_ACCESS)
             error = permissionMessage(host->opened);
         else
-            error = "cannot claim interface " + std::to_string(function.interfaceNumber) + " of " + toString(location)
-                    + ": " + libusb_strerror(rc);
+            error = "cannot claim interface " + std::to_string(function.interfaceNumber) + " of "
+                    + toString(location) + ": " + libusb_strerror(rc);
         closeDevice(host);
         return finish(host, statusOf(rc), error);
     }
     host->claimed = true;
     if (function.alternateSetting != 0) {
-        rc = libusb_set_interface_alt_setting(raw, function.interfaceNumber, function.alternateSetting);
+        rc = libusb_set_interface_alt_setting(raw, function.interfaceNumber,
+                                              function.alternateSetting);
         if (rc != LIBUSB_SUCCESS) {
-            const std::string error = "cannot select alternate setting " + std::to_string(function.alternateSetting)
-                                      + " of " + toString(location) + ": " + libusb_strerror(rc);
+            const std::string error = "cannot select alternate setting "
+                                      + std::to_string(function.alternateSetting) + " of "
+                                      + toString(location) + ": " + libusb_strerror(rc);
             closeDevice(host);
             return finish(host, statusOf(rc), error);
         }
@@ -777,7 +803,8 @@ void usbd_host_set_wait(usbd_host *host, int wait)
 
 void usbd_host_set_idle_timeout(usbd_host *host, unsigned milliseconds)
 {
-    host->idleTimeoutMs = int(std::min<unsigned>(milliseconds, unsigned(std::numeric_limits<int>::max())));
+    host->idleTimeoutMs =
+        int(std::min<unsigned>(milliseconds, unsigned(std::numeric_limits<int>::max())));
 }
 
 void usbd_host_set_transfers(usbd_host *host, size_t size, unsigned in_flight)
@@ -854,7 +881,8 @@ unsigned usbd_host_device_endpoint_count(const usbd_host_device *device)
 
 uint8_t usbd_host_device_endpoint(const usbd_host_device *device, unsigned index)
 {
-    return index < device->function.endpoints.size() ? device->function.endpoints[index].address : 0;
+    return index < device->function.endpoints.size() ? device->function.endpoints[index].address
+                                                     : 0;
 }
 
 uint8_t usbd_host_device_in_endpoint(const usbd_host_device *device)
@@ -905,7 +933,8 @@ usbd_host_status usbd_host_list_devices(usbd_host *host, usbd_host_list **list)
             } else if (rc == LIBUSB_ERROR_ACCESS) {
                 candidate.info.stringsError = permissionMessage(candidate.info);
             } else {
-                candidate.info.stringsError = std::string("cannot open the device: ") + libusb_strerror(rc);
+                candidate.info.stringsError =
+                    std::string("cannot open the device: ") + libusb_strerror(rc);
             }
             result->devices.push_back(std::move(candidate.info));
         }
@@ -936,7 +965,8 @@ usbd_host_status usbd_host_open(usbd_host *host)
         std::optional<Clock::time_point> deniedSince;
         for (;;) {
             if (interrupted(host))
-                return finish(host, USBD_HOST_INTERRUPTED, "interrupted while waiting for the device");
+                return finish(host, USBD_HOST_INTERRUPTED,
+                              "interrupted while waiting for the device");
             bool retry = false;
             const usbd_host_status status = openOnce(host, &retry);
             // While waiting, a refusal may be passing too: udev has not applied its rule yet.
@@ -963,7 +993,8 @@ void usbd_host_close(usbd_host *host)
     closeDevice(host);
 }
 
-usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_sink_fn sink, void *user)
+usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_sink_fn sink,
+                                   void *user)
 {
     return guarded(host, [&] {
         const Endpoint endpoint = host->opened.function.in;
@@ -976,8 +1007,9 @@ usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_si
 
         auto fill = [&](Slot *slot) {
             for (;;) {
-                const size_t length = usbd::host::nextReceiveLength(limit, received + transfers.inFlightBytes(),
-                                                                    transfers.size(), endpoint.maxPacketSize);
+                const size_t length =
+                    usbd::host::nextReceiveLength(limit, received + transfers.inFlightBytes(),
+                                                  transfers.size(), endpoint.maxPacketSize);
                 if (length == 0)
                     return false;
                 const int rc = transfers.submit(slot, length);
@@ -1007,7 +1039,8 @@ usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_si
     });
 }
 
-usbd_host_status usbd_host_send(usbd_host *host, usbd_host_source_fn source, usbd_host_sent_fn sent, void *user)
+usbd_host_status usbd_host_send(usbd_host *host, usbd_host_source_fn source, usbd_host_sent_fn sent,
+                                void *user)
 {
     return guarded(host, [&] {
         Transfers transfers(*host, host->opened.function.out);
@@ -1023,7 +1056,8 @@ usbd_host_status usbd_host_send(usbd_host *host, usbd_host_source_fn source, usb
             // Full transfers only until the end, so that no short packet splits the data early.
             size_t filled = 0;
             while (filled < transfers.size()) {
-                const long count = source(slot->buffer.get() + filled, transfers.size() - filled, user);
+                const long count =
+                    source(slot->buffer.get() + filled, transfers.size() - filled, user);
                 if (count < 0) {
                     state.end(USBD_HOST_STOPPED, "the sender stopped", transfers);
                     return false;

@@ -83,32 +83,38 @@ std::string shown(const std::string &text)
 
 void printDevice(const usbd_host_device *device)
 {
-    std::printf("%03u:%03u %04x:%04x %s\n", unsigned(usbd_host_device_bus(device)), unsigned(usbd_host_device_address(device)),
-                usbd_host_device_vendor_id(device), usbd_host_device_product_id(device), usbd_host_device_speed(device));
+    std::printf("%03u:%03u %04x:%04x %s\n", unsigned(usbd_host_device_bus(device)),
+                unsigned(usbd_host_device_address(device)), usbd_host_device_vendor_id(device),
+                usbd_host_device_product_id(device), usbd_host_device_speed(device));
     const std::string stringsError = usbd_host_device_strings_error(device);
     if (!stringsError.empty())
         std::printf("  strings: %s\n", printable(stringsError).c_str());
-    std::printf("  manufacturer: %s\n", shown(usbd_host_device_string(device, USBD_HOST_MANUFACTURER)).c_str());
-    std::printf("  product: %s\n", shown(usbd_host_device_string(device, USBD_HOST_PRODUCT)).c_str());
+    std::printf("  manufacturer: %s\n",
+                shown(usbd_host_device_string(device, USBD_HOST_MANUFACTURER)).c_str());
+    std::printf("  product: %s\n",
+                shown(usbd_host_device_string(device, USBD_HOST_PRODUCT)).c_str());
     std::printf("  serial: %s\n", shown(usbd_host_device_string(device, USBD_HOST_SERIAL)).c_str());
-    std::printf("  configuration: %u, MaxPower %u mA\n", unsigned(usbd_host_device_configuration(device)),
+    std::printf("  configuration: %u, MaxPower %u mA\n",
+                unsigned(usbd_host_device_configuration(device)),
                 usbd_host_device_max_power(device));
     std::printf("  interface: %u, alternate setting %u, class ff/00/00, name %s\n",
-                unsigned(usbd_host_device_interface(device)), unsigned(usbd_host_device_alternate_setting(device)),
+                unsigned(usbd_host_device_interface(device)),
+                unsigned(usbd_host_device_alternate_setting(device)),
                 shown(usbd_host_device_string(device, USBD_HOST_INTERFACE_NAME)).c_str());
     std::string endpoints;
     for (unsigned i = 0; i < usbd_host_device_endpoint_count(device); ++i) {
         const uint8_t address = usbd_host_device_endpoint(device, i);
         char text[32];
-        std::snprintf(text, sizeof(text), "%s%s 0x%02x", endpoints.empty() ? "" : ", ", (address & 0x80) ? "IN" : "OUT",
-                      address);
+        std::snprintf(text, sizeof(text), "%s%s 0x%02x", endpoints.empty() ? "" : ", ",
+                      (address & 0x80) ? "IN" : "OUT", address);
         endpoints += text;
     }
     std::printf("  endpoints: %s\n", endpoints.c_str());
     const uint8_t in = usbd_host_device_in_endpoint(device);
     const uint8_t out = usbd_host_device_out_endpoint(device);
     std::printf("  data: IN 0x%02x (max packet %u), OUT 0x%02x (max packet %u)\n", in,
-                usbd_host_device_max_packet(device, in), out, usbd_host_device_max_packet(device, out));
+                usbd_host_device_max_packet(device, in), out,
+                usbd_host_device_max_packet(device, out));
 }
 
 // The library's message, with the option that resolves an ambiguity named.
@@ -178,7 +184,8 @@ public:
         if (!enabled_)
             return;
         shown_ = true;
-        std::fprintf(stderr, "\r%s %s, %.1f s, %.2f MB/s\033[K", verb_, humanBytes(double(bytes)).c_str(), seconds,
+        std::fprintf(stderr, "\r%s %s, %.1f s, %.2f MB/s\033[K", verb_,
+                     humanBytes(double(bytes)).c_str(), seconds,
                      megabytesPerSecond(bytes, seconds));
         std::fflush(stderr);
     }
@@ -206,8 +213,8 @@ struct StreamEnd {
 
 StreamEnd streamEnd(usbd_host *host, usbd_host_status status)
 {
-    return {status, usbd_host_stream_bytes(host), usbd_host_stream_seconds(host), usbd_host_stream_discarded(host),
-            usbd_host_error(host)};
+    return {status, usbd_host_stream_bytes(host), usbd_host_stream_seconds(host),
+            usbd_host_stream_discarded(host), usbd_host_error(host)};
 }
 
 void printSummary(FILE *out, const char *verb, const StreamEnd &result, Sha256 &hash)
@@ -243,7 +250,10 @@ HostPtr openDevice(const Options &options, Progress *progress, int *code)
         return host;
     }
     usbd_host_set_progress(
-        host.get(), [](uint64_t bytes, double seconds, void *user) { static_cast<Progress *>(user)->show(bytes, seconds); },
+        host.get(),
+        [](uint64_t bytes, double seconds, void *user) {
+            static_cast<Progress *>(user)->show(bytes, seconds);
+        },
         progress);
     const usbd_host_status status = usbd_host_open(host.get());
     if (status != USBD_HOST_OK) {
@@ -255,8 +265,8 @@ HostPtr openDevice(const Options &options, Progress *progress, int *code)
 }
 
 // Says why a transfer ended early, after its summary.
-void reportEnd(const StreamEnd &result, int code, const std::string &fileError, const std::string &fileName,
-               uint64_t expected)
+void reportEnd(const StreamEnd &result, int code, const std::string &fileError,
+               const std::string &fileName, uint64_t expected)
 {
     if (result.discarded > 0)
         std::fprintf(stderr, "usbd-host: dropped %llu bytes that arrived past the limit\n",
@@ -271,7 +281,8 @@ void reportEnd(const StreamEnd &result, int code, const std::string &fileError, 
     case USBD_HOST_TIMEOUT:
         why = result.message;
         if (expected != 0)
-            why += " (" + std::to_string(result.bytes) + " of " + std::to_string(expected) + " bytes)";
+            why +=
+                " (" + std::to_string(result.bytes) + " of " + std::to_string(expected) + " bytes)";
         break;
     default:
         why = result.message;
@@ -291,7 +302,8 @@ int runReceive(const Options &options)
     } else if (!options.output.empty()) {
         file.reset(::open(options.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
         if (!file)
-            return fail(kExitFile, "cannot open " + options.output + " for writing: " + std::strerror(errno));
+            return fail(kExitFile,
+                        "cannot open " + options.output + " for writing: " + std::strerror(errno));
         fd = file.get();
     }
 
@@ -365,7 +377,9 @@ int runSend(const Options &options)
                 }
             }
         },
-        [](const uint8_t *data, size_t length, void *user) { static_cast<Source *>(user)->hash.update(data, length); },
+        [](const uint8_t *data, size_t length, void *user) {
+            static_cast<Source *>(user)->hash.update(data, length);
+        },
         &source);
     progress.clear();
 

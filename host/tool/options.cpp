@@ -85,7 +85,8 @@ struct OptionKind {
 
 const OptionKind kGlobalOptions[] = {
     {"device", 0, true}, {"wait", 0, false}, {"help", 'h', false}, {"version", 0, false}};
-const OptionKind kReceiveOptions[] = {{"output", 'o', true}, {"bytes", 'n', true}, {"timeout", 0, true}};
+const OptionKind kReceiveOptions[] = {
+    {"output", 'o', true}, {"bytes", 'n', true}, {"timeout", 0, true}};
 const OptionKind kSendOptions[] = {{"timeout", 0, true}};
 
 Parsed error(std::string text)
@@ -168,7 +169,8 @@ std::string takeOption(const std::vector<std::string> &args, size_t *index,
             inlineValue = arg.substr(2);
     }
     for (const OptionKind *kind : known) {
-        const bool matches = isLong ? name == kind->longName : (kind->shortName != 0 && name[0] == kind->shortName);
+        const bool matches =
+            isLong ? name == kind->longName : (kind->shortName != 0 && name[0] == kind->shortName);
         if (!matches)
             continue;
         out->kind = kind;
@@ -199,8 +201,11 @@ std::string applyGlobal(const Occurrence &occurrence, Options *options)
 {
     const std::string name = occurrence.kind->longName;
     if (name == "device") {
-        if (usbd_host_parse_address(occurrence.value.c_str(), &options->device.bus, &options->device.address) != 0)
-            return "--device wants BUS:ADDR in decimal (bus 1-255, address 1-127), not \"" + occurrence.value + "\"";
+        if (usbd_host_parse_address(occurrence.value.c_str(), &options->device.bus,
+                                    &options->device.address)
+            != 0)
+            return "--device wants BUS:ADDR in decimal (bus 1-255, address 1-127), not \""
+                   + occurrence.value + "\"";
     } else if (name == "wait") {
         options->wait = true;
     }
@@ -320,12 +325,14 @@ Parsed parseCommandLine(const std::vector<std::string> &args)
         } else if (option == "bytes") {
             const auto bytes = parseByteCount(occurrence.value);
             if (!bytes)
-                return error(name + ": --bytes wants a positive byte count, not \"" + occurrence.value + "\"");
+                return error(name + ": --bytes wants a positive byte count, not \""
+                             + occurrence.value + "\"");
             options.bytes = *bytes;
         } else if (option == "timeout") {
             const auto ms = parseMilliseconds(occurrence.value);
             if (!ms)
-                return error(name + ": --timeout wants milliseconds (0 for none), not \"" + occurrence.value + "\"");
+                return error(name + ": --timeout wants milliseconds (0 for none), not \""
+                             + occurrence.value + "\"");
             options.timeoutMs = *ms;
         } else {
             problem = applyGlobal(occurrence, &options);

@@ -39,10 +39,10 @@ struct Options {
     Command command = Command::List;
     DeviceAddress device;
     bool wait = false;
-    std::string output;    // receive: the file, "-" for stdout, empty to discard
-    uint64_t bytes = 0;    // receive: stop after this many; 0 for no limit
+    std::string output; // receive: the file, "-" for stdout, empty to discard
+    uint64_t bytes = 0; // receive: stop after this many; 0 for no limit
     int timeoutMs = kDefaultTimeoutMs;
-    std::string file;      // send
+    std::string file; // send
 };
 
 struct Parsed {

@@ -28,7 +28,8 @@ TEST(FunctionFsBlobs, CountsMatchAndOnlyTheStreamingEndpointBursts)
     const auto blob = usbd::functionfs::descriptorsBlob();
     ASSERT_EQ(le32(&blob[0]), uint32_t(FUNCTIONFS_DESCRIPTORS_MAGIC_V2));
     ASSERT_EQ(le32(&blob[4]), blob.size());
-    ASSERT_EQ(le32(&blob[8]), uint32_t(FUNCTIONFS_HAS_FS_DESC | FUNCTIONFS_HAS_HS_DESC | FUNCTIONFS_HAS_SS_DESC));
+    ASSERT_EQ(le32(&blob[8]),
+              uint32_t(FUNCTIONFS_HAS_FS_DESC | FUNCTIONFS_HAS_HS_DESC | FUNCTIONFS_HAS_SS_DESC));
 
     size_t at = 24;
     std::vector<std::vector<Descriptor>> sets;
@@ -56,7 +57,8 @@ TEST(FunctionFsBlobs, CountsMatchAndOnlyTheStreamingEndpointBursts)
         ASSERT_EQ(super[i + 1].type, USB_DT_SS_ENDPOINT_COMP);
         EXPECT_EQ(super[i + 1].bytes[2], super[i].bytes[2] == 0x81 ? 15 : 0);
     }
-    EXPECT_STREQ(reinterpret_cast<const char *>(&usbd::functionfs::stringsBlob()[18]), "CTRL Interface");
+    EXPECT_STREQ(reinterpret_cast<const char *>(&usbd::functionfs::stringsBlob()[18]),
+                 "CTRL Interface");
 }
 
 } // namespace

@@ -36,13 +36,15 @@ TEST(Ep0Events, RepeatsAndOtherTypesAreIgnored)
 
 TEST(SpeedNames, OnlySuperSpeedCountsAndThePrefixDecides)
 {
-    auto super = [](const char *text) { return UsbSpeedReader::namesSuperSpeed(text, strlen(text)); };
+    auto super = [](const char *text) {
+        return UsbSpeedReader::namesSuperSpeed(text, strlen(text));
+    };
     EXPECT_TRUE(super("super-speed\n"));
     EXPECT_TRUE(super("super-speed-plus\n")); // the kernel's name for super speed plus
     EXPECT_TRUE(super("super-speed"));        // no newline
     EXPECT_FALSE(super("high-speed\n"));
     EXPECT_FALSE(super("UNKNOWN\n"));
-    EXPECT_FALSE(super("super-spee"));        // shorter than the name
+    EXPECT_FALSE(super("super-spee")); // shorter than the name
     EXPECT_FALSE(super(""));
     EXPECT_FALSE(super("Super-speed\n"));
 }

@@ -20,7 +20,10 @@ std::atomic<int> libraryState{IOSCONN_NOT_CONNECTED};
 
 } // namespace
 
-extern "C" int iosconn_isconnect(int) { return libraryState; }
+extern "C" int iosconn_isconnect(int)
+{
+    return libraryState;
+}
 
 namespace {
 
@@ -50,8 +53,9 @@ TEST(IosWatcher, FirstReportComesAFullPeriodAfterTheThreadStarts)
             watcher, &IOSConnStateWatcher::stateChanged, watcher,
             [&reported, &started, i](IOSConnStateWatcher::State state) {
                 EXPECT_EQ(state, IOSConnStateWatcher::MfiState);
-                reported[i] = std::chrono::duration_cast<std::chrono::microseconds>(
-                                  Clock::now() - started[i]).count();
+                reported[i] =
+                    std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started[i])
+                        .count();
             },
             Qt::DirectConnection);
         reported[i] = -1;

@@ -56,7 +56,8 @@ void Recorder::deleted(int id)
 bool Recorder::waitDeleted(size_t count)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return deleted_.size() >= count; });
+    return changed_.wait_for(lock, std::chrono::seconds(10),
+                             [&] { return deleted_.size() >= count; });
 }
 
 Recorder::Outcome Recorder::outcome(int id) const

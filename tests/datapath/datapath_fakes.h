@@ -64,7 +64,9 @@ class TestList : public UsbDBufferList {
     Q_OBJECT
 public:
     TestList(int id, Recorder *recorder, const QList<UsbDBuffer *> &buffers = {})
-        : UsbDBufferList(buffers, nullptr), id_(id), recorder_(recorder)
+        : UsbDBufferList(buffers, nullptr),
+          id_(id),
+          recorder_(recorder)
     {
     }
     ~TestList() override { recorder_->deleted(id_); }

@@ -51,7 +51,8 @@ bool writeFile(const QString &path, const QByteArray &content)
 int counter(const char *file, const char *key)
 {
     const QByteArray status = QByteArray::fromStdString(usbdtest::emuctlOutput("status --json"));
-    for (const QJsonValue &endpoint : QJsonDocument::fromJson(status).object().value("endpoints").toArray()) {
+    for (const QJsonValue &endpoint :
+         QJsonDocument::fromJson(status).object().value("endpoints").toArray()) {
         if (endpoint.toObject().value("file").toString() == QLatin1String(file))
             return endpoint.toObject().value(QLatin1String(key)).toInt(-1);
     }
@@ -123,8 +124,9 @@ TEST_F(DataPathSystem, RequestsReachTheHostByteForByteInLimitedCalls)
     queue_->send_data(new TestList(4, &recorder_, buffers(17, 10, 1, false)));
     queue_->send_data(new TestList(5, &recorder_, buffers(16, 300, 7, true)));
     // A file range past the file's end fails the request before any of it goes out.
-    queue_->send_data(new TestList(6, &recorder_, buffers(1, 5, 0, false)
-                                   << new UsbDBufferPath(path, kMiB, 4, 0, 0, 0, nullptr)));
+    queue_->send_data(new TestList(6, &recorder_,
+                                   buffers(1, 5, 0, false)
+                                       << new UsbDBufferPath(path, kMiB, 4, 0, 0, 0, nullptr)));
 
     ASSERT_TRUE(recorder_.waitDeleted(7));
     for (int id = 0; id < 7; ++id) {

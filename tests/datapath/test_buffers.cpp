@@ -86,8 +86,9 @@ TEST(Buffers, FilesLargerThanFourGiBGiveTheSameBytesOnEveryArchitecture)
     // a 32-bit process may not have it, and then the map fails instead of reading elsewhere.
     UsbDBufferPath high(path, 0xfffffffbu, 5, 0, 0, 0, nullptr);
     if (high.map()) {
-        EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(high.virtualAddress() + high.offset()), 5),
-                  "below");
+        EXPECT_EQ(
+            QByteArray(reinterpret_cast<const char *>(high.virtualAddress() + high.offset()), 5),
+            "below");
     } else {
         EXPECT_EQ(sizeof(void *), 4u);
     }

@@ -23,7 +23,12 @@ using namespace std::chrono_literals;
 class TestConn : public Conn {
     Q_OBJECT
 public:
-    TestConn(std::vector<int> types, bool result) : Conn(nullptr), types_(std::move(types)), result_(result) {}
+    TestConn(std::vector<int> types, bool result)
+        : Conn(nullptr),
+          types_(std::move(types)),
+          result_(result)
+    {
+    }
     bool supportsLinkType(OstrTypes::E_LinkType type) override
     {
         return std::find(types_.begin(), types_.end(), int(type)) != types_.end();

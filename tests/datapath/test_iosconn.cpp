@@ -38,9 +38,18 @@ std::function<int()> fileAnswer;
 } // namespace
 
 extern "C" {
-int iosconn_init(void) { return 0; }
-int iosconn_start(int) { return 0; }
-int iosconn_isconnect(int) { return IOSCONN_MFI; }
+int iosconn_init(void)
+{
+    return 0;
+}
+int iosconn_start(int)
+{
+    return 0;
+}
+int iosconn_isconnect(int)
+{
+    return IOSCONN_MFI;
+}
 int iosconn_send_file(int, const void *, int)
 {
     {
@@ -49,7 +58,10 @@ int iosconn_send_file(int, const void *, int)
     }
     return fileAnswer ? fileAnswer() : 1;
 }
-int iosconn_send_shm(int, const void *, int) { return 1; }
+int iosconn_send_shm(int, const void *, int)
+{
+    return 1;
+}
 int iosconn_send_with_header(int, const void *header, int headerLength, const void *payload,
                              int payloadLength, int)
 {
@@ -127,7 +139,8 @@ TEST(IosConnFrames, RetryRule)
     const QByteArray data(100, 'b');
     int answers = 0;
     frameAnswer = [&answers](int payloadLength) {
-        return ++answers <= 10 ? int(kMfiFrameHeaderSize) : int(kMfiFrameHeaderSize) + payloadLength;
+        return ++answers <= 10 ? int(kMfiFrameHeaderSize)
+                               : int(kMfiFrameHeaderSize) + payloadLength;
     };
     EXPECT_TRUE(send({memory(data)}));
     EXPECT_EQ(frames.size(), 11u);
@@ -180,7 +193,8 @@ TEST(IosConnFrames, InterruptedFrameIsRetriedAndInterruptedRecordFails)
 
     bool first = true;
     frameAnswer = [&first](int payloadLength) {
-        return std::exchange(first, false) ? waitForSignal() : int(kMfiFrameHeaderSize) + payloadLength;
+        return std::exchange(first, false) ? waitForSignal()
+                                           : int(kMfiFrameHeaderSize) + payloadLength;
     };
     const QByteArray data(100, 'i');
     entered = false;
@@ -195,8 +209,8 @@ TEST(IosConnFrames, InterruptedFrameIsRetriedAndInterruptedRecordFails)
 
     fileAnswer = [] { return waitForSignal(); };
     entered = false;
-    queue.send_data(new TestList(2, &recorder,
-                                 {new UsbDBufferPath("/any/file", 0, 10, 0, 0, 0, nullptr)}));
+    queue.send_data(
+        new TestList(2, &recorder, {new UsbDBufferPath("/any/file", 0, 10, 0, 0, 0, nullptr)}));
     while (!entered)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     queue.interrupt();

@@ -133,7 +133,6 @@ TEST(UsbConnCalls, PhysicalAddressPath)
     ASSERT_EQ(calls.size(), 3u);
     EXPECT_FALSE(calls[0].ioctl);
     EXPECT_EQ(calls[0].start, bytes);
-
 }
 
 // A stock FunctionFS has no physical-address request (ENOTTY), and f_fs copies each call into
@@ -178,7 +177,10 @@ TEST(UsbConnCalls, StockDriverAndSmallKernelBuffers)
     EXPECT_EQ(calls.size(), 2u);
 
     // Down to the smallest call size, then it is an error like any other.
-    answerHook = [](size_t) { errno = ENOMEM; return -1L; };
+    answerHook = [](size_t) {
+        errno = ENOMEM;
+        return -1L;
+    };
     EXPECT_FALSE(sendOn({new UsbDBufferMem(region, 0, kMiB, 0, 0, 0, nullptr)}));
     answerHook = nullptr;
     EXPECT_EQ(calls.back().lengths[0], size_t(kUsbMinBytesPerCall));
@@ -289,7 +291,8 @@ TEST(UsbConnInterrupt, TheSignalEndsOnlyTheCallItInterrupts)
                                                : long(offered);
         };
         LogCapture log;
-        queue.send_data(new TestList(1, &recorder, {new UsbDBufferMem(data, 0, kMiB, 0, 0, 0, nullptr)}));
+        queue.send_data(
+            new TestList(1, &recorder, {new UsbDBufferMem(data, 0, kMiB, 0, 0, 0, nullptr)}));
         while (!entered)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         if (c.fromClient)
@@ -312,7 +315,8 @@ TEST(UsbConnInterrupt, TheSignalEndsOnlyTheCallItInterrupts)
         }
 
         // The next request is not touched by the signal of the one before.
-        queue.send_data(new TestList(2, &recorder, {new UsbDBufferMem(data, 0, 10, 0, 0, 0, nullptr)}));
+        queue.send_data(
+            new TestList(2, &recorder, {new UsbDBufferMem(data, 0, 10, 0, 0, 0, nullptr)}));
         ASSERT_TRUE(recorder.waitDeleted(2));
         EXPECT_EQ(recorder.outcome(2), Recorder::Succeeded);
         queue.quit();

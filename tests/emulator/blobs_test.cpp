@@ -144,10 +144,15 @@ TEST(Blobs, DescriptorsAreCheckedAsTheKernelChecksThem)
     const Case cases[] = {
         {"the daemon's blob", kDaemonDescriptors, 0},
         {"legacy layout", descriptorsBlob(0, {5, 5}, cat({kFs, kHs}), kDescriptorsMagic), 0},
-        {"7-byte endpoints", descriptorsBlob(1, {3}, cat({interfaceDesc(0xff, 0, 2), endpointDesc(0x01, 64, 7), endpointDesc(0x81, 64, 7)})), 0},
+        {"7-byte endpoints",
+         descriptorsBlob(1, {3},
+                         cat({interfaceDesc(0xff, 0, 2), endpointDesc(0x01, 64, 7),
+                              endpointDesc(0x81, 64, 7)})),
+         0},
         {"zero-count sets are skipped", descriptorsBlob(7, {5, 0, 9}, cat({kFs, kSs})), 0},
         {"30 endpoints", descriptorsBlob(1, {31}, thirty), 0},
-        {"HID descriptor in a HID interface", descriptorsBlob(1, {2}, cat({interfaceDesc(3, 0, 0), hid})), 0},
+        {"HID descriptor in a HID interface",
+         descriptorsBlob(1, {2}, cat({interfaceDesc(3, 0, 0), hid})), 0},
         {"bad magic", withField(kDaemonDescriptors, 0, 2), -EINVAL},
         {"length field larger than the write", withField(kDaemonDescriptors, 4, 184), -EINVAL},
         {"length field smaller than the write", withField(kDaemonDescriptors, 4, 182), -EINVAL},
@@ -155,17 +160,23 @@ TEST(Blobs, DescriptorsAreCheckedAsTheKernelChecksThem)
         {"7-byte interface", descriptorsBlob(1, {5}, withByte(kFs, 0, 7)), -EINVAL},
         {"8-byte endpoint", descriptorsBlob(1, {5}, withByte(kFs, 9, 8)), -EINVAL},
         {"5-byte companion", descriptorsBlob(4, {9}, withByte(kSs, 18, 5)), -EINVAL},
-        {"endpoint number 0", descriptorsBlob(1, {2}, cat({interfaceDesc(0xff, 0, 1), endpointDesc(0x80, 64)})), -EINVAL},
-        {"high speed uses other addresses", descriptorsBlob(3, {5, 5}, cat({kFs, withByte(kHs, 11, 0x03)})), -EINVAL},
-        {"high speed has fewer endpoints", descriptorsBlob(3, {5, 4}, cat({kFs, Bytes(kHs.begin(), kHs.end() - 9)})), -EINVAL},
+        {"endpoint number 0",
+         descriptorsBlob(1, {2}, cat({interfaceDesc(0xff, 0, 1), endpointDesc(0x80, 64)})),
+         -EINVAL},
+        {"high speed uses other addresses",
+         descriptorsBlob(3, {5, 5}, cat({kFs, withByte(kHs, 11, 0x03)})), -EINVAL},
+        {"high speed has fewer endpoints",
+         descriptorsBlob(3, {5, 4}, cat({kFs, Bytes(kHs.begin(), kHs.end() - 9)})), -EINVAL},
         {"more descriptors counted than present", descriptorsBlob(1, {6}, kFs), -EINVAL},
         {"bytes after the descriptors", descriptorsBlob(1, {5}, cat({kFs, Bytes{0}})), -EINVAL},
         {"no descriptor at all", descriptorsBlob(1, {0}, Bytes()), -EINVAL},
         {"device descriptor", descriptorsBlob(1, {1}, cat({Bytes{18, 1}, Bytes(16, 0)})), -EINVAL},
-        {"HID descriptor in a vendor interface", descriptorsBlob(1, {2}, cat({interfaceDesc(0xff, 0, 0), hid})), -EINVAL},
+        {"HID descriptor in a vendor interface",
+         descriptorsBlob(1, {2}, cat({interfaceDesc(0xff, 0, 0), hid})), -EINVAL},
         {"descriptor claims more than is left", descriptorsBlob(1, {1}, Bytes{9, 4, 0}), -EINVAL},
         {"31 endpoints", descriptorsBlob(1, {32}, cat({thirty, endpointDesc(0x05, 64)})), -EINVAL},
-        {"shorter than a header", Bytes(kDaemonDescriptors.begin(), kDaemonDescriptors.begin() + 15), -EINVAL},
+        {"shorter than a header",
+         Bytes(kDaemonDescriptors.begin(), kDaemonDescriptors.begin() + 15), -EINVAL},
     };
     for (const Case &c : cases)
         EXPECT_EQ(parse(c.blob), c.expected) << c.what;
@@ -175,12 +186,14 @@ TEST(Blobs, StringsAreCheckedAsTheKernelChecksThem)
 {
     FunctionLayout layout;
     ASSERT_EQ(parse(kDaemonDescriptors, layout), 0);
-    const Bytes daemonStrings(usbd::functionfs::stringsBlob().begin(), usbd::functionfs::stringsBlob().end());
+    const Bytes daemonStrings(usbd::functionfs::stringsBlob().begin(),
+                              usbd::functionfs::stringsBlob().end());
     Bytes truncatedLanguage = withField(cat({stringsBlob(1, {}), Bytes{0x09, 0x04}}), 12, 1);
     set32(truncatedLanguage, 4, uint32_t(truncatedLanguage.size()));
     const Case cases[] = {
         {"the daemon's blob", daemonStrings, 0},
-        {"two languages", stringsBlob(1, {{0x0409, kCtrl}, {0x0407, std::string("Steuerung", 10)}}), 0},
+        {"two languages", stringsBlob(1, {{0x0409, kCtrl}, {0x0407, std::string("Steuerung", 10)}}),
+         0},
         {"more strings than needed", stringsBlob(2, {{0x0409, kCtrl + std::string("x", 2)}}), 0},
         {"no terminator", stringsBlob(1, {{0x0409, "CTRL Interface"}}), -EINVAL},
         {"wrong length field", withField(daemonStrings, 4, 34), -EINVAL},

@@ -45,7 +45,10 @@ struct Result {
     int error;
 };
 
-Result result(ssize_t ret) { return {ret, ret < 0 ? errno : 0}; }
+Result result(ssize_t ret)
+{
+    return {ret, ret < 0 ? errno : 0};
+}
 
 // A system call on a thread of its own, so that the test can watch it block and interrupt it.
 class Call {
@@ -56,7 +59,10 @@ public:
     }
     ~Call() { thread_.join(); }
     bool pending() { return future_.wait_for(300ms) == std::future_status::timeout; }
-    Result get() { return future_.wait_for(10s) == std::future_status::ready ? future_.get() : Result{-2, 0}; }
+    Result get()
+    {
+        return future_.wait_for(10s) == std::future_status::ready ? future_.get() : Result{-2, 0};
+    }
     void interrupt() { pthread_kill(thread_.native_handle(), SIGUSR1); }
 
 private:
@@ -75,11 +81,16 @@ std::string pattern(size_t size, unsigned seed)
 
 QJsonObject status()
 {
-    return QJsonDocument::fromJson(QByteArray::fromStdString(usbdtest::emuctlOutput("status --json"))).object();
+    return QJsonDocument::fromJson(
+               QByteArray::fromStdString(usbdtest::emuctlOutput("status --json")))
+        .object();
 }
 
 // The counters of the function's third endpoint file, ep3, the daemon's bulk IN.
-QJsonObject ep3Counters() { return status().value("endpoints").toArray().at(2).toObject(); }
+QJsonObject ep3Counters()
+{
+    return status().value("endpoints").toArray().at(2).toObject();
+}
 
 std::vector<std::string> endpointFiles()
 {
@@ -97,7 +108,10 @@ int eventType(int ep0)
 }
 
 template <class Blob>
-Result writeBytes(int fd, const Blob &data) { return result(::write(fd, data.data(), data.size())); }
+Result writeBytes(int fd, const Blob &data)
+{
+    return result(::write(fd, data.data(), data.size()));
+}
 
 // The physical-address request: the record {u32 address, u32 length}, read from the caller.
 ssize_t physSend(int fd, uint32_t address, uint32_t length)
@@ -134,8 +148,8 @@ TEST_F(EmulatorSystem, RefusedAndAcceptedBlobs)
     EXPECT_EQ(result(::read(ep0(), record, sizeof record)).error, EBADFD);
     const auto daemon = usbd::functionfs::descriptorsBlob();
     auto longer = daemon, unknownFlag = daemon;
-    longer[4] = 184;       // the length field
-    unknownFlag[9] |= 1;   // flag 0x100
+    longer[4] = 184;     // the length field
+    unknownFlag[9] |= 1; // flag 0x100
     EXPECT_EQ(writeBytes(ep0(), longer).error, EINVAL);
     EXPECT_EQ(writeBytes(ep0(), unknownFlag).error, ENOSYS);
     EXPECT_EQ(status().value("state").toString(), "waiting-descriptors");
@@ -213,12 +227,15 @@ TEST_F(EmulatorSystem, EndpointsFollowTheHostAndCaptureExactly)
     ASSERT_TRUE(usbdtest::emuctl("short " + std::to_string(1536 * 1024)));
     EXPECT_EQ(writeBytes(ep3(), third).ret, 1536 * 1024);
     // Uneven buffers, which the kernel splits into chunks across their boundaries.
-    std::string pieces[] = {pattern(3 * kMiB + 7, 4), pattern(5 * kMiB + 4093, 5), pattern(123457, 6)};
+    std::string pieces[] = {pattern(3 * kMiB + 7, 4), pattern(5 * kMiB + 4093, 5),
+                            pattern(123457, 6)};
     iovec iov[3];
     for (int i = 0; i < 3; ++i)
         iov[i] = {pieces[i].data(), pieces[i].size()};
-    expected += second.substr(0, 1000) + third.substr(0, 1536 * 1024) + pieces[0] + pieces[1] + pieces[2];
-    EXPECT_EQ(::writev(ep3(), iov, 3), ssize_t(pieces[0].size() + pieces[1].size() + pieces[2].size()));
+    expected +=
+        second.substr(0, 1000) + third.substr(0, 1536 * 1024) + pieces[0] + pieces[1] + pieces[2];
+    EXPECT_EQ(::writev(ep3(), iov, 3),
+              ssize_t(pieces[0].size() + pieces[1].size() + pieces[2].size()));
 
     ASSERT_TRUE(usbdtest::emuctl("stall"));
     const std::string last = pattern(100, 7);
@@ -291,7 +308,8 @@ TEST_F(EmulatorSystem, PhysicalAddressTransfers)
     EXPECT_EQ(result(physSend(ep3(), phys - 4096, 16)).error, EFAULT);
     EXPECT_EQ(result(physSend(ep3(), phys + kSize - 10, 11)).error, EFAULT);
 
-    const std::string expected = data.substr(100, 2 * kMiB) + data.substr(0, 1000) + data.substr(kSize - 10);
+    const std::string expected =
+        data.substr(100, 2 * kMiB) + data.substr(0, 1000) + data.substr(kSize - 10);
     EXPECT_TRUE(usbdtest::readFile(kCapture) == expected);
     const QJsonObject counters = ep3Counters();
     EXPECT_EQ(counters.value("ioctls").toInt(), 3);

@@ -6,8 +6,7 @@
 #include <set>
 #include <thread>
 
-struct libusb_context {
-};
+struct libusb_context {};
 
 struct libusb_device_handle {
     libusb_device *device;
@@ -24,7 +23,8 @@ int scanCount = 0;
 // The configuration as libusb hands it out, with the arrays it points into.
 struct OwnedConfig {
     libusb_config_descriptor config{};
-    libusb_interface interface{};
+    libusb_interface interface {
+    };
     libusb_interface_descriptor setting{};
     libusb_endpoint_descriptor endpoints[4]{};
 };
@@ -36,10 +36,12 @@ libusb_device *deviceOf(const libusb_transfer *transfer)
 
 bool onBus(const libusb_device *device)
 {
-    return std::any_of(theBus.begin(), theBus.end(), [&](const auto &d) { return d.get() == device; });
+    return std::any_of(theBus.begin(), theBus.end(),
+                       [&](const auto &d) { return d.get() == device; });
 }
 
-void complete(libusb_transfer *transfer, libusb_transfer_status status, std::vector<libusb_transfer *> *done)
+void complete(libusb_transfer *transfer, libusb_transfer_status status,
+              std::vector<libusb_transfer *> *done)
 {
     transfer->status = status;
     inFlight.erase(std::find(inFlight.begin(), inFlight.end(), transfer));
@@ -60,7 +62,8 @@ libusb_transfer *head(libusb_device *device, bool in)
 std::vector<libusb_transfer *> step()
 {
     std::vector<libusb_transfer *> done;
-    for (libusb_transfer *transfer : std::vector<libusb_transfer *>(cancelled.begin(), cancelled.end()))
+    for (libusb_transfer *transfer :
+         std::vector<libusb_transfer *>(cancelled.begin(), cancelled.end()))
         complete(transfer, LIBUSB_TRANSFER_CANCELLED, &done);
 
     for (const auto &shared : std::vector<std::shared_ptr<libusb_device>>(theBus)) {
@@ -97,7 +100,8 @@ std::vector<libusb_transfer *> step()
             gone = true;
         while (libusb_transfer *out = head(device, false)) {
             const size_t room = size_t(out->length - out->actual_length);
-            const size_t take = std::min<uint64_t>(room, device->outCapacity - device->outData.size());
+            const size_t take =
+                std::min<uint64_t>(room, device->outCapacity - device->outData.size());
             device->outData.insert(device->outData.end(), out->buffer + out->actual_length,
                                    out->buffer + out->actual_length + take);
             out->actual_length += int(take);
@@ -106,7 +110,8 @@ std::vector<libusb_transfer *> step()
             complete(out, LIBUSB_TRANSFER_COMPLETED, &done);
         }
         if (gone) {
-            const auto status = device->goneAsError ? LIBUSB_TRANSFER_ERROR : LIBUSB_TRANSFER_NO_DEVICE;
+            const auto status =
+                device->goneAsError ? LIBUSB_TRANSFER_ERROR : LIBUSB_TRANSFER_NO_DEVICE;
             while (libusb_transfer *transfer = head(device, true))
                 complete(transfer, status, &done);
             while (libusb_transfer *transfer = head(device, false))
@@ -122,7 +127,8 @@ std::vector<libusb_transfer *> step()
 void libusb_device::write(const std::vector<uint8_t> &data)
 {
     for (size_t at = 0; at < data.size(); at += packet)
-        packets.emplace_back(data.begin() + long(at), data.begin() + long(std::min<size_t>(at + packet, data.size())));
+        packets.emplace_back(data.begin() + long(at),
+                             data.begin() + long(std::min<size_t>(at + packet, data.size())));
 }
 
 namespace fakeusb {
@@ -178,7 +184,8 @@ int LIBUSB_CALL libusb_has_capability(uint32_t)
 }
 
 int LIBUSB_CALL libusb_hotplug_register_callback(libusb_context *, int, int, int, int, int,
-                                                 libusb_hotplug_callback_fn, void *, libusb_hotplug_callback_handle *)
+                                                 libusb_hotplug_callback_fn, void *,
+                                                 libusb_hotplug_callback_handle *)
 {
     return LIBUSB_ERROR_NOT_SUPPORTED;
 }
@@ -226,7 +233,8 @@ int LIBUSB_CALL libusb_get_device_speed(libusb_device *device)
     return device->speed;
 }
 
-int LIBUSB_CALL libusb_get_device_descriptor(libusb_device *device, libusb_device_descriptor *descriptor)
+int LIBUSB_CALL libusb_get_device_descriptor(libusb_device *device,
+                                             libusb_device_descriptor *descriptor)
 {
     *descriptor = libusb_device_descriptor{};
     descriptor->idVendor = device->vendorId;
@@ -237,7 +245,8 @@ int LIBUSB_CALL libusb_get_device_descriptor(libusb_device *device, libusb_devic
     return 0;
 }
 
-int LIBUSB_CALL libusb_get_active_config_descriptor(libusb_device *device, libusb_config_descriptor **config)
+int LIBUSB_CALL libusb_get_active_config_descriptor(libusb_device *device,
+                                                    libusb_config_descriptor **config)
 {
     auto *owned = new OwnedConfig;
     const uint8_t addresses[4] = {0x02, 0x07, 0x81, 0x86};
@@ -280,8 +289,8 @@ void LIBUSB_CALL libusb_close(libusb_device_handle *handle)
     delete handle;
 }
 
-int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle *handle, uint8_t index, unsigned char *data,
-                                                   int length)
+int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle *handle, uint8_t index,
+                                                   unsigned char *data, int length)
 {
     const auto &strings = handle->device->strings;
     if (index == 0 || index > strings.size())
@@ -294,8 +303,9 @@ int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle *handle,
 }
 
 // Only GET_STATUS, which the library uses to ask whether a device is still there.
-int LIBUSB_CALL libusb_control_transfer(libusb_device_handle *handle, uint8_t, uint8_t request, uint16_t,
-                                        uint16_t, unsigned char *data, uint16_t length, unsigned int)
+int LIBUSB_CALL libusb_control_transfer(libusb_device_handle *handle, uint8_t, uint8_t request,
+                                        uint16_t, uint16_t, unsigned char *data, uint16_t length,
+                                        unsigned int)
 {
     if (!onBus(handle->device))
         return LIBUSB_ERROR_NO_DEVICE;

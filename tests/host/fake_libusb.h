@@ -19,11 +19,11 @@ struct libusb_device {
     uint16_t productId = 0x0105;
     int speed = LIBUSB_SPEED_HIGH;
     uint16_t packet = 512;
-    bool function = true;       // the vendor interface, or a mass-storage one in its place
-    int openError = 0;          // libusb_open's answer
+    bool function = true; // the vendor interface, or a mass-storage one in its place
+    int openError = 0;    // libusb_open's answer
     int claimError = 0;
     std::vector<std::string> strings = {"Korvane", "Media Device", "0123", "CTRL Interface"};
-    int scansUntilPresent = 0;  // the device arrives after this many device-list scans
+    int scansUntilPresent = 0; // the device arrives after this many device-list scans
 
     // Bulk IN: what the device has written, in packets as the controller sends them.
     std::deque<std::vector<uint8_t>> packets;

@@ -13,7 +13,8 @@ namespace {
 
 using usbd::host::findFunction;
 
-libusb_endpoint_descriptor endpoint(uint8_t address, uint16_t packet, uint8_t type = LIBUSB_TRANSFER_TYPE_BULK)
+libusb_endpoint_descriptor endpoint(uint8_t address, uint16_t packet,
+                                    uint8_t type = LIBUSB_TRANSFER_TYPE_BULK)
 {
     libusb_endpoint_descriptor descriptor{};
     descriptor.bLength = 7;
@@ -36,7 +37,8 @@ public:
     }
 
     ConfigBuilder &setting(uint8_t cls, uint8_t subClass, uint8_t protocol,
-                           std::vector<libusb_endpoint_descriptor> endpoints, uint8_t iInterface = 0)
+                           std::vector<libusb_endpoint_descriptor> endpoints,
+                           uint8_t iInterface = 0)
     {
         endpoints_.push_back(std::move(endpoints));
         libusb_interface_descriptor descriptor{};
@@ -73,10 +75,11 @@ private:
     libusb_config_descriptor config_{};
 };
 
-std::vector<libusb_endpoint_descriptor> functionEndpoints(uint8_t out1, uint8_t out2, uint8_t in1, uint8_t in2,
-                                                          uint16_t packet)
+std::vector<libusb_endpoint_descriptor> functionEndpoints(uint8_t out1, uint8_t out2, uint8_t in1,
+                                                          uint8_t in2, uint16_t packet)
 {
-    return {endpoint(out1, packet), endpoint(out2, packet), endpoint(in1, packet), endpoint(in2, packet)};
+    return {endpoint(out1, packet), endpoint(out2, packet), endpoint(in1, packet),
+            endpoint(in2, packet)};
 }
 
 TEST(FindFunction, AddressesAsDeclaredAndAsDummyHcdRenumbersThem)
@@ -107,8 +110,9 @@ TEST(FindFunction, AddressesAsDeclaredAndAsDummyHcdRenumbersThem)
 
     // "First" is descriptor order, not the lower address.
     ConfigBuilder reordered;
-    reordered.interface().setting(0xFF, 0, 0,
-                                  {endpoint(0x86, 64), endpoint(0x05, 64), endpoint(0x81, 64), endpoint(0x02, 64)});
+    reordered.interface().setting(
+        0xFF, 0, 0,
+        {endpoint(0x86, 64), endpoint(0x05, 64), endpoint(0x81, 64), endpoint(0x02, 64)});
     function = findFunction(reordered.build());
     ASSERT_TRUE(function);
     EXPECT_EQ(function->in.address, 0x86);
@@ -139,7 +143,9 @@ TEST(FindFunction, BehindOtherInterfacesAndInAnAlternateSetting)
 
     // Alternate setting 0 without endpoints (bandwidth parked), the function in setting 1.
     ConfigBuilder alternate;
-    alternate.interface().setting(0xFF, 0, 0, {}).setting(0xFF, 0, 0, functionEndpoints(0x01, 0x02, 0x81, 0x82, 512));
+    alternate.interface()
+        .setting(0xFF, 0, 0, {})
+        .setting(0xFF, 0, 0, functionEndpoints(0x01, 0x02, 0x81, 0x82, 512));
     function = findFunction(alternate.build());
     ASSERT_TRUE(function);
     EXPECT_EQ(function->interfaceNumber, 0);
@@ -160,7 +166,10 @@ TEST(FindFunction, RefusesInterfacesOfAnotherShape)
         {"two endpoints", 0xFF, 0, 0, {endpoint(0x01, 512), endpoint(0x81, 512)}},
         {"no endpoints", 0xFF, 0, 0, {}},
         {"three IN", 0xFF, 0, 0, functionEndpoints(0x01, 0x83, 0x81, 0x82, 512)},
-        {"interrupt endpoint", 0xFF, 0, 0,
+        {"interrupt endpoint",
+         0xFF,
+         0,
+         0,
          {endpoint(0x01, 512), endpoint(0x02, 512), endpoint(0x81, 512),
           endpoint(0x82, 64, LIBUSB_TRANSFER_TYPE_INTERRUPT)}},
         {"packet size 0", 0xFF, 0, 0, functionEndpoints(0x01, 0x02, 0x81, 0x82, 0)},
@@ -178,7 +187,9 @@ TEST(FindFunction, RefusesInterfacesOfAnotherShape)
     libusb_config_descriptor config = dangling.build();
     libusb_interface_descriptor setting = config.interface[0].altsetting[0];
     setting.bNumEndpoints = 4;
-    const libusb_interface interface{&setting, 1};
+    const libusb_interface interface {
+        &setting, 1
+    };
     config.interface = &interface;
     EXPECT_FALSE(findFunction(config));
 
@@ -195,8 +206,9 @@ TEST(BusAddress, ParsesWhatLsusbPrintsAndRefusesTheRest)
     EXPECT_EQ(parseBusAddress("001:005"), (BusAddress{1, 5}));
     EXPECT_EQ(parseBusAddress("255:127"), (BusAddress{255, 127}));
     EXPECT_EQ(parseBusAddress("010:010"), (BusAddress{10, 10})); // decimal, as lsusb means it
-    for (const char *bad : {"", ":", "1", "1:", ":5", "1:5:7", "a:b", "0:5", "1:0", "256:1", "1:128", " 1:5",
-                            "1:5 ", "+1:5", "-1:5", "0x1:5", "0001:5", "1:999999999999"}) {
+    for (const char *bad :
+         {"", ":", "1", "1:", ":5", "1:5:7", "a:b", "0:5", "1:0", "256:1", "1:128", " 1:5", "1:5 ",
+          "+1:5", "-1:5", "0x1:5", "0001:5", "1:999999999999"}) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(parseBusAddress(bad));
     }
@@ -216,7 +228,8 @@ TEST(ReceiveLength, NeverAsksPastTheLimitByMoreThanThePacketItEndsIn)
     EXPECT_EQ(nextReceiveLength(1000, 1000, chunk, 512), 0u);
     EXPECT_EQ(nextReceiveLength(1000, 1024, chunk, 512), 0u);
     EXPECT_EQ(nextReceiveLength(1, 0, chunk, 1024), 1024u);
-    EXPECT_EQ(nextReceiveLength(1000, 0, chunk, 0), 1000u); // no packet size: no rounding, no division
+    EXPECT_EQ(nextReceiveLength(1000, 0, chunk, 0),
+              1000u); // no packet size: no rounding, no division
 }
 
 TEST(PermissionMessage, NamesTheInstalledRuleAndGivesTheLineForOtherIds)
@@ -230,7 +243,8 @@ TEST(PermissionMessage, NamesTheInstalledRuleAndGivesTheLineForOtherIds)
     // The installed rule cannot match a device set up with other ids: the message carries the
     // line that does, with those ids, and where it goes.
     const std::string custom = permissionMessage({2, 3}, 0x1234, 0xabcd);
-    EXPECT_NE(custom.find("ATTR{idVendor}==\"1234\", ATTR{idProduct}==\"abcd\""), std::string::npos) << custom;
+    EXPECT_NE(custom.find("ATTR{idVendor}==\"1234\", ATTR{idProduct}==\"abcd\""), std::string::npos)
+        << custom;
     EXPECT_NE(custom.find("/etc/udev/rules.d/"), std::string::npos) << custom;
     EXPECT_NE(custom.find("udevadm control --reload"), std::string::npos) << custom;
 }

@@ -13,7 +13,6 @@
 
 namespace {
 
-
 std::vector<uint8_t> pattern(size_t size, uint8_t seed)
 {
     std::vector<uint8_t> data(size);
@@ -56,7 +55,8 @@ protected:
             into);
     }
 
-    std::vector<std::shared_ptr<libusb_device>> plugged_; // outlive the session, also once unplugged
+    std::vector<std::shared_ptr<libusb_device>>
+        plugged_; // outlive the session, also once unplugged
     usbd_host *host_ = usbd_host_new();
 };
 
@@ -66,7 +66,8 @@ TEST_F(LinkTest, ReceivesEveryWriteWholeAndInOrder)
     // Short writes, a write of whole packets spanning several transfers, and a tail; then a
     // write past the limit that must stay with the device but for the packet the limit ends in.
     std::vector<uint8_t> expected;
-    for (const auto &block : {pattern(1000, 1), pattern(3 * 1024 * 1024, 2), pattern(17, 3), pattern(100, 4)}) {
+    for (const auto &block :
+         {pattern(1000, 1), pattern(3 * 1024 * 1024, 2), pattern(17, 3), pattern(100, 4)}) {
         device->write(block);
         expected.insert(expected.end(), block.begin(), block.end());
     }
@@ -122,7 +123,8 @@ TEST_F(LinkTest, EndsKeepWhatArrived)
     // The sink refusing (a full disk) stops at once.
     device->write(pattern(3000, 3));
     usbd_host_set_idle_timeout(host_, 10000);
-    EXPECT_EQ(usbd_host_receive(host_, 0, [](const uint8_t *, size_t, void *) { return 0; }, nullptr),
+    EXPECT_EQ(usbd_host_receive(
+                  host_, 0, [](const uint8_t *, size_t, void *) { return 0; }, nullptr),
               USBD_HOST_STOPPED);
 
     // The device leaving in the middle: everything before it, and the reason.
@@ -191,7 +193,8 @@ TEST_F(LinkTest, SendsWhatTheDeviceTakesAndSaysWhenItStops)
     EXPECT_EQ(source.confirmed, usbd_host_stream_bytes(host_));
 
     // A source that fails.
-    EXPECT_EQ(usbd_host_send(host_, [](uint8_t *, size_t, void *) -> long { return -1; }, nullptr, nullptr),
+    EXPECT_EQ(usbd_host_send(
+                  host_, [](uint8_t *, size_t, void *) -> long { return -1; }, nullptr, nullptr),
               USBD_HOST_STOPPED);
 }
 
@@ -220,7 +223,8 @@ TEST_F(LinkTest, FindingSaysWhyNot)
     EXPECT_EQ(usbd_host_device_max_power(listed), 500u);
     const usbd_host_device *refused = usbd_host_list_get(list, 1);
     EXPECT_STREQ(usbd_host_device_string(refused, USBD_HOST_PRODUCT), "");
-    EXPECT_NE(std::string(usbd_host_device_strings_error(refused)).find("70-usbd-host.rules"), std::string::npos);
+    EXPECT_NE(std::string(usbd_host_device_strings_error(refused)).find("70-usbd-host.rules"),
+              std::string::npos);
     EXPECT_EQ(usbd_host_list_get(list, 2), nullptr);
     usbd_host_list_free(list);
 

@@ -21,8 +21,8 @@ TEST(CommandLine, BadInputIsAUsageErrorThatSaysWhat)
     const std::vector<Case> cases = {
         {{}, "no command"},
         {{"fetch"}, "fetch"},
-        {{"-o", "x", "receive"}, "-o"},            // a command's option before the command
-        {{"list", "-o", "x"}, "-o"},               // another command's option
+        {{"-o", "x", "receive"}, "-o"}, // a command's option before the command
+        {{"list", "-o", "x"}, "-o"},    // another command's option
         {{"list", "extra"}, "extra"},
         {{"receive", "-n"}, "needs a value"},
         {{"receive", "-n", "0"}, "--bytes"},

@@ -55,10 +55,14 @@ QByteArray readFile(const QString &path)
 
 QJsonObject emuctlJson(const std::string &args)
 {
-    return QJsonDocument::fromJson(QByteArray::fromStdString(usbdtest::emuctlOutput(args))).object();
+    return QJsonDocument::fromJson(QByteArray::fromStdString(usbdtest::emuctlOutput(args)))
+        .object();
 }
 
-QJsonArray arrivals() { return emuctlJson("ios-log --json").value("arrivals").toArray(); }
+QJsonArray arrivals()
+{
+    return emuctlJson("ios-log --json").value("arrivals").toArray();
+}
 
 template <typename Predicate>
 bool waitFor(Predicate done)
@@ -78,11 +82,12 @@ QStringList layout()
         const QString total = QString::number(a.value("total").toInt());
         const QString result = a.value("result").toString();
         if (a.value("kind").toString() == "frame")
-            out << QString::number(a.value("offset").toInt()) + "+" +
-                       QString::number(a.value("length").toInt()) + "/" + total + ":" + result;
+            out << QString::number(a.value("offset").toInt()) + "+"
+                       + QString::number(a.value("length").toInt()) + "/" + total + ":" + result;
         else
-            out << a.value("kind").toString() + "@" +
-                       QString::number(a.value("request_offset").toInt()) + "/" + total + ":" + result;
+            out << a.value("kind").toString() + "@"
+                       + QString::number(a.value("request_offset").toInt()) + "/" + total + ":"
+                       + result;
     }
     return out;
 }
@@ -91,9 +96,9 @@ class IosTransport : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(usbdtest::emuctl("ios mfi") && usbdtest::emuctl("ios-release") &&
-                    usbdtest::emuctl("ios-reset") &&
-                    usbdtest::emuctl(std::string("ios-capture ") + kCapture));
+        ASSERT_TRUE(usbdtest::emuctl("ios mfi") && usbdtest::emuctl("ios-release")
+                    && usbdtest::emuctl("ios-reset")
+                    && usbdtest::emuctl(std::string("ios-capture ") + kCapture));
     }
 
     bool send(const QList<UsbDBuffer *> &buffers)
@@ -174,8 +179,8 @@ TEST_F(IosTransport, BuffersOfEveryKindInOneRequest)
     EXPECT_EQ(shmRecord.value("handle").toVariant().toULongLong(), handle);
     for (const QJsonValue &v : got)
         EXPECT_EQ(v.toObject().value("session").toInt(), 7);
-    EXPECT_EQ(readFile(kCapture), memory + QByteArray(24, 0) + file.mid(100, 3000) +
-                                      QByteArray(8, 0) + shared.mid(512, 4096));
+    EXPECT_EQ(readFile(kCapture), memory + QByteArray(24, 0) + file.mid(100, 3000)
+                                      + QByteArray(8, 0) + shared.mid(512, 4096));
 
     // What the library cannot read is refused before anything reaches the peer; an empty
     // request needs no call at all; without a link nothing is sent.

@@ -39,8 +39,8 @@ int ownMemfdCount()
     int count = 0;
     for (const std::string &name : listDir("/proc/self/fd")) {
         char target[128] = {};
-        if (::readlink(("/proc/self/fd/" + name).c_str(), target, sizeof(target) - 1) > 0 &&
-            std::strstr(target, "arvo-ion-"))
+        if (::readlink(("/proc/self/fd/" + name).c_str(), target, sizeof(target) - 1) > 0
+            && std::strstr(target, "arvo-ion-"))
             ++count;
     }
     return count;
@@ -75,7 +75,10 @@ struct Child {
         ::close(downFds[0]);
     }
 
-    bool receive(uint64_t *value) { return ::read(up.get(), value, sizeof *value) == ssize_t(sizeof *value); }
+    bool receive(uint64_t *value)
+    {
+        return ::read(up.get(), value, sizeof *value) == ssize_t(sizeof *value);
+    }
 
     int finish()
     {
@@ -131,12 +134,12 @@ TEST_F(HalMemory, SharingAcrossProcessesAndRefusedHandles)
         arvo_hal_mem_t imported = 0;
         uint8_t *view = nullptr;
         uint32_t size = 0;
-        const bool ok = arvo_hal_initialize(nullptr) == ARVO_HAL_OK &&
-                        arvo_hal_device_open("/proc/self/exe", nullptr, &ion) == ARVO_HAL_OK &&
-                        arvo_hal_mem_import(ion, &imported, handle) == ARVO_HAL_OK &&
-                        arvo_hal_mem_map(imported, &view) == ARVO_HAL_OK &&
-                        arvo_hal_mem_get_size(imported, &size) == ARVO_HAL_OK && size == 4096 &&
-                        std::memcmp(view, "from parent", 12) == 0;
+        const bool ok = arvo_hal_initialize(nullptr) == ARVO_HAL_OK
+                        && arvo_hal_device_open("/proc/self/exe", nullptr, &ion) == ARVO_HAL_OK
+                        && arvo_hal_mem_import(ion, &imported, handle) == ARVO_HAL_OK
+                        && arvo_hal_mem_map(imported, &view) == ARVO_HAL_OK
+                        && arvo_hal_mem_get_size(imported, &size) == ARVO_HAL_OK && size == 4096
+                        && std::memcmp(view, "from parent", 12) == 0;
         if (ok)
             std::memcpy(view + 100, "from child", 11);
         return ok;
@@ -150,14 +153,15 @@ TEST_F(HalMemory, SharingAcrossProcessesAndRefusedHandles)
     const uint64_t pid = handle >> 32;
     const uint32_t phys = uint32_t(handle);
     arvo_hal_mem_t imported = 0;
-    for (uint64_t bad : {uint64_t(0), uint64_t(phys),                     // no process
-                         pid << 32,                                       // no address
-                         pid << 32 | (phys + 1),                          // not page aligned
-                         pid << 32 | (phys + 4096),                       // not an allocation's base
-                         uint64_t(0x7fffffff) << 32 | phys,               // no such process
-                         uint64_t(0xffffffff) << 32 | phys,               // not a pid at all
-                         uint64_t(1) << 32 | phys}) {                     // a process without it
-        EXPECT_EQ(arvo_hal_mem_import(ion_, &imported, bad), ARVO_HAL_ERR_NOT_FOUND) << std::hex << bad;
+    for (uint64_t bad : {uint64_t(0), uint64_t(phys),       // no process
+                         pid << 32,                         // no address
+                         pid << 32 | (phys + 1),            // not page aligned
+                         pid << 32 | (phys + 4096),         // not an allocation's base
+                         uint64_t(0x7fffffff) << 32 | phys, // no such process
+                         uint64_t(0xffffffff) << 32 | phys, // not a pid at all
+                         uint64_t(1) << 32 | phys}) {       // a process without it
+        EXPECT_EQ(arvo_hal_mem_import(ion_, &imported, bad), ARVO_HAL_ERR_NOT_FOUND)
+            << std::hex << bad;
     }
     // Importing one's own memory yields a second object on the same bytes; once every holder
     // has freed it, the handle is refused, and so is the freed object.
@@ -228,9 +232,9 @@ TEST_F(HalMemory, KilledOwnerLeavesNothingBehind)
     Child child([this](uint64_t *handle) {
         arvo_hal_mem_t memory = 0;
         uint8_t *data = nullptr;
-        if (arvo_hal_mem_alloc(ion_, &memory, 1 << 20, 1024, 0, 27) != ARVO_HAL_OK ||
-            arvo_hal_mem_map(memory, &data) != ARVO_HAL_OK ||
-            arvo_hal_mem_share(memory, handle) != ARVO_HAL_OK)
+        if (arvo_hal_mem_alloc(ion_, &memory, 1 << 20, 1024, 0, 27) != ARVO_HAL_OK
+            || arvo_hal_mem_map(memory, &data) != ARVO_HAL_OK
+            || arvo_hal_mem_share(memory, handle) != ARVO_HAL_OK)
             return false;
         std::memset(data, 0xa5, 1 << 20);
         return true;

@@ -44,11 +44,11 @@ Bytes memoryRequest(std::uint32_t size, std::uint32_t offset, std::size_t totalL
 
 TEST(SocketRequest, DocumentedExampleIsFortyFiveBytesWithOneMemoryEntry)
 {
-    const Bytes expected = {0x01, 0, 0, 0, 0x2A, 0, 0, 0,          // send, id 42
-                            0x01, 0, 0, 0, 0x05, 0, 0, 0, 0x28, 0, 0, 0, // memory, 5 bytes at 40
-                            0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                            0, 0, 0, 0,                          // end entry
-                            'h', 'e', 'l', 'l', 'o'};
+    const Bytes expected = {
+        0x01, 0,   0,   0,   0x2A, 0, 0, 0,                // send, id 42
+        0x01, 0,   0,   0,   0x05, 0, 0, 0, 0x28, 0, 0, 0, // memory, 5 bytes at 40
+        0,    0,   0,   0,   0,    0, 0, 0, 0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, // end entry
+        'h',  'e', 'l', 'l', 'o'};
     usbd::client::SendRequest send(42);
     send.addMemory("hello", 5);
     EXPECT_EQ(send.encode(), expected);
@@ -65,11 +65,12 @@ TEST(SocketRequest, DocumentedExampleIsFortyFiveBytesWithOneMemoryEntry)
 TEST(SocketRequest, HandleEntryAndInterruptBytesAreTheSameOnEveryArchitecture)
 {
     // Fixed bytes, so that a 32-bit build (other alignment of the 64-bit handle) cannot drift.
-    const Bytes expected = {0x01, 0, 0, 0, 0x04, 0x03, 0x02, 0x01, // send, id 0x01020304
-                            0x02, 0, 0, 0, 0, 0, 0x01, 0,          // handle, 65536 bytes
-                            0, 0x10, 0, 0, 0x20, 0, 0, 0, 0x07, 0, 0, 0, // at 4096, align 32, pad 7
-                            0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, // handle, low word first
-                            0, 0, 0, 0};                           // end entry
+    const Bytes expected = {
+        0x01, 0,    0,    0,    0x04, 0x03, 0x02, 0x01,                // send, id 0x01020304
+        0x02, 0,    0,    0,    0,    0,    0x01, 0,                   // handle, 65536 bytes
+        0,    0x10, 0,    0,    0x20, 0,    0,    0,    0x07, 0, 0, 0, // at 4096, align 32, pad 7
+        0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,                // handle, low word first
+        0,    0,    0,    0};                                          // end entry
     usbd::client::SendRequest send(0x01020304);
     send.addHandle(0x1122334455667788ull, 4096, 65536, 32, 7);
     EXPECT_EQ(send.encode(), expected);

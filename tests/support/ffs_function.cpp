@@ -22,8 +22,8 @@ bool writeBlob(int fd, const uint8_t *data, size_t size, const char *what, std::
     const ssize_t written = ::write(fd, data, size);
     if (written == ssize_t(size))
         return true;
-    *why = std::string("writing ") + what + " failed: "
-           + (written < 0 ? std::strerror(errno) : "short write");
+    *why = std::string("writing ") + what
+           + " failed: " + (written < 0 ? std::strerror(errno) : "short write");
     return false;
 }
 

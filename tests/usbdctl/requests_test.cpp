@@ -160,7 +160,8 @@ TEST(ExitCodes, OnlyTheDaemonsOwnFailureReadsAsATransferProblem)
     // "Failed" with another text comes from the bus or the library (for example a message that
     // could not be built), not from a transfer: it must not read as a link problem.
     const QString prefix = "org.freedesktop.DBus.Error.";
-    EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", usbd::kFailedToSendText), kExitTransferFailed);
+    EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", usbd::kFailedToSendText),
+              kExitTransferFailed);
     EXPECT_EQ(exitCodeForDBusError(prefix + "Failed", "Marshalling failed"), kExitOtherError);
     EXPECT_EQ(exitCodeForDBusError("com.example.AccessDenied", "x"), kExitOtherError);
 }

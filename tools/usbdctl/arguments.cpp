@@ -97,7 +97,8 @@ bool parseArguments(const QStringList &args, const std::vector<OptionInfo> &opti
         }
         if (!hasInlineValue) {
             if (i + 1 >= args.size()) {
-                *error = QStringLiteral("--%1 needs a value (%2)").arg(option->name, option->valueName);
+                *error =
+                    QStringLiteral("--%1 needs a value (%2)").arg(option->name, option->valueName);
                 return false;
             }
             inlineValue = args.at(++i);

@@ -29,7 +29,10 @@ public:
     const std::vector<std::pair<QString, QString>> &ordered() const { return ordered_; }
     const QStringList &positionals() const { return positionals_; }
 
-    void addOption(const QString &name, const QString &value) { ordered_.emplace_back(name, value); }
+    void addOption(const QString &name, const QString &value)
+    {
+        ordered_.emplace_back(name, value);
+    }
     void addPositional(const QString &value) { positionals_.append(value); }
 
 private:

@@ -20,11 +20,13 @@ OptionInfo timeoutHelp(const char *what)
                 .arg(QLatin1String(what))};
 }
 
-const OptionInfo kAlignment{QStringLiteral("alignment"), QChar(), QStringLiteral("N"),
-                            QStringLiteral("element alignment of each piece (default 0), passed on\n"
-                                           "to the transport")};
-const OptionInfo kPadding{QStringLiteral("padding"), QChar(), QStringLiteral("N"),
-                          QStringLiteral("zero bytes the daemon sends after each piece (default 0)")};
+const OptionInfo kAlignment{
+    QStringLiteral("alignment"), QChar(), QStringLiteral("N"),
+    QStringLiteral("element alignment of each piece (default 0), passed on\n"
+                   "to the transport")};
+const OptionInfo kPadding{
+    QStringLiteral("padding"), QChar(), QStringLiteral("N"),
+    QStringLiteral("zero bytes the daemon sends after each piece (default 0)")};
 const OptionInfo kSessionId{QStringLiteral("session-id"), QChar(), QStringLiteral("N"),
                             QStringLiteral("session id of each piece, 0 to 65535 (default 0); it\n"
                                            "travels in the iOS link's frame header")};
@@ -46,16 +48,19 @@ std::vector<OptionInfo> commonOptions()
 const std::vector<Command> &commands()
 {
     static const std::vector<Command> table = {
-        {QStringLiteral("status"), QString(),
+        {QStringLiteral("status"),
+         QString(),
          QStringLiteral("show the link type, super speed and charge-current limit"),
          QStringLiteral(
              "Reads the daemon's three properties and prints one line each:\n"
              "  link_type: usb (1)          none (0), usb (1), ios-mfi (2) or ios-wifi (3)\n"
              "  usb_super_speed: yes        the USB link runs at super speed\n"
-             "  charge_current_max: 500 mA  the MaxPower the host granted; 0 while the link is down\n"),
+             "  charge_current_max: 500 mA  the MaxPower the host granted; 0 while the link is "
+             "down\n"),
          {},
          runStatus},
-        {QStringLiteral("watch"), QString(),
+        {QStringLiteral("watch"),
+         QString(),
          QStringLiteral("print each property change as it happens, with a time stamp"),
          QStringLiteral(
              "Prints the current values of the three properties, then one line per change as the\n"
@@ -65,9 +70,11 @@ const std::vector<Command> &commands()
              "leaves the bus or the connection to the bus is lost, watch says so on stderr and\n"
              "ends with exit status 8: from then on it could not tell a quiet link from none.\n"),
          {{QStringLiteral("count"), QChar(), QStringLiteral("N"),
-           QStringLiteral("exit (status 0) after N changes, not counting the first values;\na value announced again unchanged is no change")}},
+           QStringLiteral("exit (status 0) after N changes, not counting the first values;\na "
+                          "value announced again unchanged is no change")}},
          runWatch},
-        {QStringLiteral("send-data"), QStringLiteral("[TEXT]"),
+        {QStringLiteral("send-data"),
+         QStringLiteral("[TEXT]"),
          QStringLiteral("send up to 255 bytes given on the command line (send_data)"),
          QStringLiteral(
              "Sends a few bytes to the host: TEXT as UTF-8, or the bytes of --hex or --file.\n"
@@ -85,7 +92,8 @@ const std::vector<Command> &commands()
                           "at most the number of bytes given")},
           timeoutHelp("an answer")},
          runSendData},
-        {QStringLiteral("send-file"), QStringLiteral("FILE..."),
+        {QStringLiteral("send-file"),
+         QStringLiteral("FILE..."),
          QStringLiteral("send files or parts of them in one request (send_file)"),
          QStringLiteral(
              "Sends every FILE, in the order given, as one request: the host receives the bytes\n"
@@ -106,7 +114,8 @@ const std::vector<Command> &commands()
           kSessionId,
           timeoutHelp("an answer")},
          runSendFile},
-        {QStringLiteral("send-shm"), QStringLiteral("FILE..."),
+        {QStringLiteral("send-shm"),
+         QStringLiteral("FILE..."),
          QStringLiteral("copy files into shared memory and send it by handle (send_shm_data)"),
          QStringLiteral(
              "Allocates platform shared memory (ION, through the HAL) for each FILE, copies the\n"
@@ -133,7 +142,8 @@ const std::vector<Command> &commands()
           kSessionId,
           timeoutHelp("an answer")},
          runSendShm},
-        {QStringLiteral("receive"), QStringLiteral("FILE SIZE"),
+        {QStringLiteral("receive"),
+         QStringLiteral("FILE SIZE"),
          QStringLiteral("write the next SIZE bytes from the host into FILE (open_file)"),
          QStringLiteral(
              "Asks the daemon to read SIZE bytes that the host sends (bulk OUT) into FILE, which\n"
@@ -152,7 +162,8 @@ const std::vector<Command> &commands()
            QStringLiteral("give up after SEC seconds without an answer or, with\n"
                           "--wait, without all the data (default 60; exit status 7)")}},
          runReceive},
-        {QStringLiteral("socket-send"), QStringLiteral("[--text T | --hex H | --file F | --handle H:O:S]..."),
+        {QStringLiteral("socket-send"),
+         QStringLiteral("[--text T | --hex H | --file F | --handle H:O:S]..."),
          QStringLiteral("send memory and shared-memory entries over the request socket"),
          QStringLiteral(
              "Sends one request over the daemon's Unix socket and waits for its 8-byte answer.\n"
@@ -182,7 +193,8 @@ const std::vector<Command> &commands()
           kSocket,
           timeoutHelp("an answer")},
          runSocketSend},
-        {QStringLiteral("interrupt"), QString(),
+        {QStringLiteral("interrupt"),
+         QString(),
          QStringLiteral("interrupt the transfer's blocked write (over the request socket)"),
          QStringLiteral(
              "Sends an interrupt request over the daemon's Unix socket. The daemon signals its\n"
@@ -214,7 +226,9 @@ bool numberOption(const Arguments &arguments, const QString &name, quint64 max, 
     const auto value = parseUnsigned(text, max);
     if (!value) {
         *exitCode = usageError(QStringLiteral("--%1 needs a number from 0 to %2, not \"%3\"")
-                                   .arg(name).arg(max).arg(text));
+                                   .arg(name)
+                                   .arg(max)
+                                   .arg(text));
         return false;
     }
     *out = *value;

@@ -74,11 +74,13 @@ int DBusClient::reportTransferFailed(const QString &causes)
         std::fprintf(stderr, "usbdctl: link down: no host to send to (link_type: %s)\n",
                      qPrintable(describeLinkType(*linkType)));
     } else {
-        const QString link = linkType ? QStringLiteral(" (link_type: %1)").arg(describeLinkType(*linkType))
-                                      : QString();
-        std::fprintf(stderr, "usbdctl: usbd could not send the request%s: %s; its log says which\n",
-                     qPrintable(link),
-                     qPrintable(causes.isEmpty() ? QStringLiteral("the transfer broke off") : causes));
+        const QString link =
+            linkType ? QStringLiteral(" (link_type: %1)").arg(describeLinkType(*linkType))
+                     : QString();
+        std::fprintf(
+            stderr, "usbdctl: usbd could not send the request%s: %s; its log says which\n",
+            qPrintable(link),
+            qPrintable(causes.isEmpty() ? QStringLiteral("the transfer broke off") : causes));
     }
     return kExitTransferFailed;
 }
@@ -147,7 +149,8 @@ int DBusClient::readProperties(QVariantMap *properties)
     if (answer.type() != QDBusMessage::ReplyMessage)
         return report(answer.errorName(), answer.errorMessage(), kPropertyTimeoutMs);
     if (answer.arguments().isEmpty())
-        return report(QStringLiteral("usbdctl.EmptyReply"), QStringLiteral("GetAll answered nothing"));
+        return report(QStringLiteral("usbdctl.EmptyReply"),
+                      QStringLiteral("GetAll answered nothing"));
     *properties = qdbus_cast<QVariantMap>(answer.arguments().at(0));
     return kExitOk;
 }
@@ -167,8 +170,8 @@ std::optional<int> DBusClient::linkTypeQuietly()
 {
     if (!connection_.isConnected())
         return std::nullopt;
-    const QDBusMessage answer = properties(QStringLiteral("Get"), {QStringLiteral("link_type")},
-                                           kQuietTimeoutMs);
+    const QDBusMessage answer =
+        properties(QStringLiteral("Get"), {QStringLiteral("link_type")}, kQuietTimeoutMs);
     if (answer.type() != QDBusMessage::ReplyMessage || answer.arguments().isEmpty())
         return std::nullopt;
     bool ok = false;

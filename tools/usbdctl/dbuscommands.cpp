@@ -77,10 +77,7 @@ public slots:
 
     // A watch that went on after the daemon or the bus had gone would look like a quiet link
     // to whoever reads its output; it ends instead, so that the reader can tell.
-    void onServiceGone()
-    {
-        end(QStringLiteral("usbd left the bus"));
-    }
+    void onServiceGone() { end(QStringLiteral("usbd left the bus")); }
 
     void onDisconnected()
     {
@@ -100,7 +97,8 @@ public slots:
             const QString key = QLatin1String(name);
             const QVariant value = properties.value(key);
             last_.insert(key, value);
-            printLine(QStringLiteral("%1 %2: %3").arg(timestamp(), key, formatProperty(key, value)));
+            printLine(
+                QStringLiteral("%1 %2: %3").arg(timestamp(), key, formatProperty(key, value)));
         }
     }
 
@@ -110,7 +108,8 @@ private:
         if (finished_)
             return;
         finished_ = true;
-        std::fprintf(stderr, "usbdctl: %s: %s, watch ends\n", qPrintable(timestamp()), qPrintable(why));
+        std::fprintf(stderr, "usbdctl: %s: %s, watch ends\n", qPrintable(timestamp()),
+                     qPrintable(why));
         QCoreApplication::exit(kExitGone);
     }
 
@@ -169,9 +168,9 @@ int runStatus(const Arguments &arguments)
             return code;
         for (const char *name : kPropertyOrder) {
             const QString key = QLatin1String(name);
-            printLine(QStringLiteral("%1: %2").arg(key, properties.contains(key)
-                                                            ? formatProperty(key, properties.value(key))
-                                                            : QStringLiteral("(not offered)")));
+            printLine(QStringLiteral("%1: %2").arg(
+                key, properties.contains(key) ? formatProperty(key, properties.value(key))
+                                              : QStringLiteral("(not offered)")));
         }
         return kExitOk;
     });
@@ -205,7 +204,8 @@ int runWatch(const Arguments &arguments)
         // is never delivered (a bus that simply vanishes).
         client.connection().connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
                                     QStringLiteral("org.freedesktop.DBus.Local"),
-                                    QStringLiteral("Disconnected"), &watcher, SLOT(onDisconnected()));
+                                    QStringLiteral("Disconnected"), &watcher,
+                                    SLOT(onDisconnected()));
         QTimer connectionCheck;
         QObject::connect(&connectionCheck, &QTimer::timeout, &watcher,
                          &PropertyWatcher::checkConnected);
@@ -223,9 +223,9 @@ int runSendData(const Arguments &arguments)
 {
     QByteArray data;
     int exitCode = kExitOk;
-    const int sources = int(arguments.has(QStringLiteral("hex"))) +
-                        int(arguments.has(QStringLiteral("file"))) +
-                        int(!arguments.positionals().isEmpty());
+    const int sources = int(arguments.has(QStringLiteral("hex")))
+                        + int(arguments.has(QStringLiteral("file")))
+                        + int(!arguments.positionals().isEmpty());
     if (sources != 1 || arguments.positionals().size() > 1)
         return usageError(QStringLiteral("send-data needs exactly one of TEXT, --hex or --file"));
     if (arguments.has(QStringLiteral("hex"))) {
@@ -234,14 +234,16 @@ int runSendData(const Arguments &arguments)
             return usageError(QStringLiteral("--hex needs pairs of hexadecimal digits"));
         data = *bytes;
     } else if (arguments.has(QStringLiteral("file"))) {
-        if (!readSmallFile(arguments.value(QStringLiteral("file")), kMaxSendDataBytes, &data, &exitCode))
+        if (!readSmallFile(arguments.value(QStringLiteral("file")), kMaxSendDataBytes, &data,
+                           &exitCode))
             return exitCode;
     } else {
         data = arguments.positionals().first().toUtf8();
     }
     if (data.size() > kMaxSendDataBytes)
-        return usageError(QStringLiteral("send-data carries at most %1 bytes; use send-file for more")
-                              .arg(kMaxSendDataBytes));
+        return usageError(
+            QStringLiteral("send-data carries at most %1 bytes; use send-file for more")
+                .arg(kMaxSendDataBytes));
 
     quint64 length = 0;
     if (!numberOption(arguments, QStringLiteral("length"), kMaxSendDataBytes, quint64(data.size()),
@@ -249,7 +251,9 @@ int runSendData(const Arguments &arguments)
         return exitCode;
     // The daemon refuses such a request with the same answer as a link that is down.
     if (length > quint64(data.size()))
-        return usageError(QStringLiteral("--length %1 is more than the %2 bytes given").arg(length).arg(data.size()));
+        return usageError(QStringLiteral("--length %1 is more than the %2 bytes given")
+                              .arg(length)
+                              .arg(data.size()));
     int timeoutMs = 0;
     if (!timeoutOption(arguments, &timeoutMs, &exitCode))
         return exitCode;
@@ -269,8 +273,8 @@ int runSendFile(const Arguments &arguments)
     FileOptions options;
     quint64 value = 0;
     if (arguments.has(QStringLiteral("offset"))) {
-        if (!numberOption(arguments, QStringLiteral("offset"), std::numeric_limits<quint64>::max(), 0,
-                          &value, &exitCode))
+        if (!numberOption(arguments, QStringLiteral("offset"), std::numeric_limits<quint64>::max(),
+                          0, &value, &exitCode))
             return exitCode;
         options.offset = value;
     }
@@ -309,11 +313,12 @@ int runSendFile(const Arguments &arguments)
 
     return withDBusClient(arguments, [&](DBusClient &client) {
         Progress progress(stdout, QStringLiteral("sending"), QStringLiteral("sent"), total);
-        return client.finish(client.daemon(timeoutMs).send_file(maps), timeoutMs, &progress,
-                             QStringLiteral("it opens each file itself, by its absolute path and as "
-                                            "its own user (usbd under usbd.service), so a file it "
-                                            "cannot see or read fails the request, as does a file "
-                                            "that changed size; or the transfer broke off"));
+        return client.finish(
+            client.daemon(timeoutMs).send_file(maps), timeoutMs, &progress,
+            QStringLiteral("it opens each file itself, by its absolute path and as "
+                           "its own user (usbd under usbd.service), so a file it "
+                           "cannot see or read fails the request, as does a file "
+                           "that changed size; or the transfer broke off"));
     });
 }
 
@@ -326,9 +331,9 @@ int runSendShm(const Arguments &arguments)
     int exitCode = kExitOk;
     quint64 alignment = 0, padding = 0, sessionId = 0;
     const quint64 kMaxInt = std::numeric_limits<qint32>::max();
-    if (!numberOption(arguments, QStringLiteral("alignment"), kMaxInt, 0, &alignment, &exitCode) ||
-        !numberOption(arguments, QStringLiteral("padding"), kMaxInt, 0, &padding, &exitCode) ||
-        !numberOption(arguments, QStringLiteral("session-id"), 0xFFFF, 0, &sessionId, &exitCode))
+    if (!numberOption(arguments, QStringLiteral("alignment"), kMaxInt, 0, &alignment, &exitCode)
+        || !numberOption(arguments, QStringLiteral("padding"), kMaxInt, 0, &padding, &exitCode)
+        || !numberOption(arguments, QStringLiteral("session-id"), 0xFFFF, 0, &sessionId, &exitCode))
         return exitCode;
     int timeoutMs = 0;
     if (!timeoutOption(arguments, &timeoutMs, &exitCode))
@@ -376,7 +381,8 @@ int runSendShm(const Arguments &arguments)
             return kExitOtherError;
         }
         QFile file(info.filePath());
-        if (!file.open(QIODevice::ReadOnly) || file.read(reinterpret_cast<char *>(target), size) != size) {
+        if (!file.open(QIODevice::ReadOnly)
+            || file.read(reinterpret_cast<char *>(target), size) != size) {
             std::fprintf(stderr, "usbdctl: %s: cannot read: %s\n", qPrintable(info.filePath()),
                          qPrintable(file.errorString()));
             return kExitLocalFile;
@@ -392,7 +398,8 @@ int runSendShm(const Arguments &arguments)
         piece.usePhysicalAddress = !arguments.has(QStringLiteral("virtual"));
         piece.sessionId = quint16(sessionId);
         if (piece.handle == 0) {
-            std::fprintf(stderr, "usbdctl: cannot share the memory for %s\n", qPrintable(info.filePath()));
+            std::fprintf(stderr, "usbdctl: cannot share the memory for %s\n",
+                         qPrintable(info.filePath()));
             return kExitOtherError;
         }
         maps.append(usbd::dbusmaps::shmMap(piece));
@@ -413,7 +420,8 @@ int runReceive(const Arguments &arguments)
     if (arguments.positionals().size() != 2)
         return usageError(QStringLiteral("receive needs FILE and SIZE"));
     const QString path = QFileInfo(arguments.positionals().at(0)).absoluteFilePath();
-    const auto size = parseUnsigned(arguments.positionals().at(1), std::numeric_limits<qint32>::max());
+    const auto size =
+        parseUnsigned(arguments.positionals().at(1), std::numeric_limits<qint32>::max());
     if (!size)
         return usageError(QStringLiteral("SIZE must be a number of bytes from 0 to %1")
                               .arg(std::numeric_limits<qint32>::max()));
@@ -437,7 +445,8 @@ int runReceive(const Arguments &arguments)
         // that an old file of the right size cannot pass for the received one.
         QFile old(path);
         if (!old.resize(0)) {
-            std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path), qPrintable(old.errorString()));
+            std::fprintf(stderr, "usbdctl: %s: %s\n", qPrintable(path),
+                         qPrintable(old.errorString()));
             return kExitLocalFile;
         }
     }

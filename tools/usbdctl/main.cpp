@@ -36,10 +36,12 @@ void printMainHelp(FILE *out)
         text += QStringLiteral("  %1%2\n").arg(command.name.leftJustified(13), command.summary);
     text += QStringLiteral("\nOptions of every command:\n");
     std::vector<OptionInfo> options = commonOptions();
-    options.push_back({QStringLiteral("version"), QChar(), QString(), QStringLiteral("show the version")});
+    options.push_back(
+        {QStringLiteral("version"), QChar(), QString(), QStringLiteral("show the version")});
     text += describeOptions(options);
     text += QStringLiteral(
-        "\nA send waits for the daemon's answer, which comes when the data has gone out. It prints\n"
+        "\nA send waits for the daemon's answer, which comes when the data has gone out. It "
+        "prints\n"
         "nothing when it succeeds, except on a terminal, where it shows the request under way\n"
         "and then its size, time and throughput. Errors go to stderr, one line each.\n\n"
         "Exit status:\n"
@@ -105,7 +107,8 @@ int main(int argc, char **argv)
             return kExitOk;
         }
         if (option != QLatin1String("-s") && option != QLatin1String("--session"))
-            return usageError(QStringLiteral("unknown option %1 (options of a command go after it)").arg(option));
+            return usageError(
+                QStringLiteral("unknown option %1 (options of a command go after it)").arg(option));
         leading.append(option);
     }
     if (args.isEmpty()) {

@@ -22,7 +22,9 @@ QString formatBytes(quint64 bytes)
         value /= 1024.0;
         ++unit;
     }
-    return QStringLiteral("%1 %2").arg(value, 0, 'f', value < 10 ? 2 : 1).arg(QLatin1String(kUnits[unit]));
+    return QStringLiteral("%1 %2")
+        .arg(value, 0, 'f', value < 10 ? 2 : 1)
+        .arg(QLatin1String(kUnits[unit]));
 }
 
 QString progressLine(const QString &doing, quint64 done, quint64 total, double seconds)
@@ -35,14 +37,19 @@ QString progressLine(const QString &doing, quint64 done, quint64 total, double s
 
 QString summaryLine(const QString &doneVerb, quint64 total, double seconds)
 {
-    QString line = QStringLiteral("%1 %2 in %3 s").arg(doneVerb, formatBytes(total)).arg(seconds, 0, 'f', 3);
+    QString line =
+        QStringLiteral("%1 %2 in %3 s").arg(doneVerb, formatBytes(total)).arg(seconds, 0, 'f', 3);
     if (seconds > 0 && total > 0)
         line += QStringLiteral(" (%1/s)").arg(formatBytes(quint64(double(total) / seconds)));
     return line;
 }
 
 Progress::Progress(FILE *out, QString doing, QString done, quint64 totalBytes, QObject *parent)
-    : QObject(parent), out_(out), doing_(std::move(doing)), doneVerb_(std::move(done)), total_(totalBytes),
+    : QObject(parent),
+      out_(out),
+      doing_(std::move(doing)),
+      doneVerb_(std::move(done)),
+      total_(totalBytes),
       enabled_(isTerminal(out))
 {
     timer_.setInterval(kRedrawIntervalMs);

@@ -64,8 +64,8 @@ int exitCodeForDBusError(const QString &errorName, const QString &message)
         return kExitNotRunning;
     if (name == QLatin1String("AccessDenied"))
         return kExitAccessDenied;
-    if (name == QLatin1String("NoReply") || name == QLatin1String("Timeout") ||
-        name == QLatin1String("TimedOut"))
+    if (name == QLatin1String("NoReply") || name == QLatin1String("Timeout")
+        || name == QLatin1String("TimedOut"))
         return kExitTimeout;
     // Failed is also what a bus or a library may answer for problems of its own; only the
     // daemon's own text means that the transfer itself went wrong.
@@ -113,32 +113,41 @@ bool planFilePieces(const QStringList &files, const FileOptions &options,
         const quint64 fileSize = quint64(info.size());
         // The daemon maps the whole file, and an empty one cannot be mapped.
         if (fileSize == 0) {
-            *error = {kExitLocalFile, QStringLiteral("%1: empty; the daemon cannot send an empty file")
-                                          .arg(file)};
+            *error = {kExitLocalFile,
+                      QStringLiteral("%1: empty; the daemon cannot send an empty file").arg(file)};
             return false;
         }
         const quint64 offset = options.offset.value_or(0);
         if (offset > kMaxOffset) {
             *error = {kExitUsage, QStringLiteral("--offset %1 is too large (at most %2)")
-                                      .arg(offset).arg(kMaxOffset)};
+                                      .arg(offset)
+                                      .arg(kMaxOffset)};
             return false;
         }
         if (offset > fileSize) {
             *error = {kExitUsage, QStringLiteral("%1: offset %2 lies past the end of the file "
-                                                 "(%3 bytes)").arg(file).arg(offset).arg(fileSize)};
+                                                 "(%3 bytes)")
+                                      .arg(file)
+                                      .arg(offset)
+                                      .arg(fileSize)};
             return false;
         }
         const quint64 size = options.size.value_or(fileSize - offset);
         if (size > fileSize - offset) {
             *error = {kExitUsage, QStringLiteral("%1: offset %2 + size %3 runs past the end of the "
                                                  "file (%4 bytes)")
-                                      .arg(file).arg(offset).arg(size).arg(fileSize)};
+                                      .arg(file)
+                                      .arg(offset)
+                                      .arg(size)
+                                      .arg(fileSize)};
             return false;
         }
         if (size > kMaxSize) {
             *error = {kExitUsage, QStringLiteral("%1: %2 bytes are more than one piece can carry "
                                                  "(%3); send it in parts with --offset and --size")
-                                      .arg(file).arg(size).arg(kMaxSize)};
+                                      .arg(file)
+                                      .arg(size)
+                                      .arg(kMaxSize)};
             return false;
         }
         usbd::dbusmaps::FilePiece piece;

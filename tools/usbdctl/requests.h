@@ -32,7 +32,8 @@ QString describeLinkType(int linkType);
 
 // The daemon's properties in the order status and watch show them: the link first, since the
 // other two only mean something while there is one.
-inline constexpr const char *kPropertyOrder[] = {"link_type", "usb_super_speed", "charge_current_max"};
+inline constexpr const char *kPropertyOrder[] = {"link_type", "usb_super_speed",
+                                                 "charge_current_max"};
 // A property's value for people: "usb (1)", "yes", "500 mA".
 QString formatProperty(const QString &name, const QVariant &value);
 

@@ -39,7 +39,8 @@ int reportSocketError(int error, const QString &path, const char *what)
     switch (error) {
     case -ENOENT:
     case -ECONNREFUSED:
-        std::fprintf(stderr, "usbdctl: usbd is not running: nothing listens on %s\n", qPrintable(path));
+        std::fprintf(stderr, "usbdctl: usbd is not running: nothing listens on %s\n",
+                     qPrintable(path));
         return kExitNotRunning;
     case -EACCES:
     case -EPERM:
@@ -70,15 +71,16 @@ int connectTo(usbd::client::Connection *connection, const QString &path)
 int runSocketSend(const Arguments &arguments)
 {
     if (!arguments.positionals().isEmpty())
-        return usageError(QStringLiteral("socket-send takes its entries as options (--text, --hex, --file, --handle)"));
+        return usageError(QStringLiteral(
+            "socket-send takes its entries as options (--text, --hex, --file, --handle)"));
     int exitCode = kExitOk;
     quint64 requestId = 0, alignment = 0, padding = 0;
     int timeoutMs = 0;
     const quint64 kMax32 = std::numeric_limits<quint32>::max();
-    if (!numberOption(arguments, QStringLiteral("id"), kMax32, 1, &requestId, &exitCode) ||
-        !numberOption(arguments, QStringLiteral("alignment"), kMax32, 0, &alignment, &exitCode) ||
-        !numberOption(arguments, QStringLiteral("padding"), kMax32, 0, &padding, &exitCode) ||
-        !timeoutOption(arguments, &timeoutMs, &exitCode))
+    if (!numberOption(arguments, QStringLiteral("id"), kMax32, 1, &requestId, &exitCode)
+        || !numberOption(arguments, QStringLiteral("alignment"), kMax32, 0, &alignment, &exitCode)
+        || !numberOption(arguments, QStringLiteral("padding"), kMax32, 0, &padding, &exitCode)
+        || !timeoutOption(arguments, &timeoutMs, &exitCode))
         return exitCode;
 
     // Entries go out in the order of the options, which is why they are read in command-line
@@ -92,7 +94,8 @@ int runSocketSend(const Arguments &arguments)
         } else if (name == QLatin1String("hex")) {
             const auto parsed = parseHex(value);
             if (!parsed)
-                return usageError(QStringLiteral("--hex needs pairs of hexadecimal digits: %1").arg(value));
+                return usageError(
+                    QStringLiteral("--hex needs pairs of hexadecimal digits: %1").arg(value));
             bytes = *parsed;
         } else if (name == QLatin1String("file")) {
             const QString problem = localFileProblem(value);
@@ -108,18 +111,23 @@ int runSocketSend(const Arguments &arguments)
         } else if (name == QLatin1String("handle")) {
             const auto entry = parseHandleEntry(value);
             if (!entry)
-                return usageError(QStringLiteral("--handle needs HANDLE:OFFSET:SIZE, got %1").arg(value));
-            request.addHandle(entry->handle, entry->offset, entry->size, quint32(alignment), quint32(padding));
+                return usageError(
+                    QStringLiteral("--handle needs HANDLE:OFFSET:SIZE, got %1").arg(value));
+            request.addHandle(entry->handle, entry->offset, entry->size, quint32(alignment),
+                              quint32(padding));
             total += quint64(entry->size) + padding;
             continue;
         } else {
             continue;
         }
         if (bytes.size() > int(usbd::client::kMaxRequestSize))
-            return usageError(QStringLiteral("%1 bytes do not fit in one socket request (at most %2 in "
-                                             "all); use send-file")
-                                  .arg(bytes.size()).arg(usbd::client::kMaxRequestSize));
-        request.addMemory(bytes.constData(), quint32(bytes.size()), quint32(alignment), quint32(padding));
+            return usageError(
+                QStringLiteral("%1 bytes do not fit in one socket request (at most %2 in "
+                               "all); use send-file")
+                    .arg(bytes.size())
+                    .arg(usbd::client::kMaxRequestSize));
+        request.addMemory(bytes.constData(), quint32(bytes.size()), quint32(alignment),
+                          quint32(padding));
         total += quint64(bytes.size()) + padding;
     }
     std::vector<std::uint8_t> encoded;
@@ -183,7 +191,8 @@ int runInterrupt(const Arguments &arguments)
     usbd::client::Response ignored;
     const int result = connection.receive(&ignored, kInterruptReadMs);
     if (result == -ETIMEDOUT) {
-        std::fprintf(stderr, "usbdctl: usbd did not take the interrupt within %d ms\n", kInterruptReadMs);
+        std::fprintf(stderr, "usbdctl: usbd did not take the interrupt within %d ms\n",
+                     kInterruptReadMs);
         return kExitTimeout;
     }
     return kExitOk;

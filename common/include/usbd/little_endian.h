@@ -10,8 +10,8 @@ namespace usbd {
 inline std::uint32_t loadLe32(const void *at)
 {
     const auto *b = static_cast<const unsigned char *>(at);
-    return std::uint32_t(b[0]) | std::uint32_t(b[1]) << 8 | std::uint32_t(b[2]) << 16 |
-           std::uint32_t(b[3]) << 24;
+    return std::uint32_t(b[0]) | std::uint32_t(b[1]) << 8 | std::uint32_t(b[2]) << 16
+           | std::uint32_t(b[3]) << 24;
 }
 
 inline std::uint64_t loadLe64(const void *at)

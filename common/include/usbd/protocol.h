@@ -49,7 +49,10 @@ static_assert(sizeof(PhysTransferRecord) == 8, "the physical-address record is 8
 constexpr std::size_t kMaxSegments = 32;
 
 // The segments one piece takes.
-constexpr std::size_t segmentsOf(std::uint32_t elementPadding) { return elementPadding ? 2 : 1; }
+constexpr std::size_t segmentsOf(std::uint32_t elementPadding)
+{
+    return elementPadding ? 2 : 1;
+}
 
 // The error text of every failed D-Bus send, whatever the cause (org.freedesktop.DBus.Error.Failed).
 constexpr char kFailedToSendText[] = "Failed to send buffer";

@@ -55,8 +55,8 @@ USBD_HOST_API const char *usbd_host_version(void);
 
 typedef enum usbd_host_status {
     USBD_HOST_OK = 0,
-    USBD_HOST_NOT_FOUND = 1,     /* no device carries the function (or none at the chosen address) */
-    USBD_HOST_AMBIGUOUS = 2,     /* several do, and none was chosen */
+    USBD_HOST_NOT_FOUND = 1, /* no device carries the function (or none at the chosen address) */
+    USBD_HOST_AMBIGUOUS = 2, /* several do, and none was chosen */
     USBD_HOST_ACCESS_DENIED = 3, /* the device node is not open to this user */
     USBD_HOST_BUSY = 4,          /* another program has claimed the interface */
     USBD_HOST_GONE = 5,          /* the device left the bus: unplugged, reset or re-enumerated */
@@ -98,7 +98,8 @@ USBD_HOST_API void usbd_host_set_transfers(usbd_host *host, size_t size, unsigne
 typedef void (*usbd_host_progress_fn)(uint64_t bytes, double seconds, void *user);
 /* Called about ten times a second while a stream runs, with the bytes moved and the seconds
  * since it started. NULL (the default) for none. */
-USBD_HOST_API void usbd_host_set_progress(usbd_host *host, usbd_host_progress_fn progress, void *user);
+USBD_HOST_API void usbd_host_set_progress(usbd_host *host, usbd_host_progress_fn progress,
+                                          void *user);
 
 /* Makes the call in progress (or, if none is, the next call that waits or streams) end with
  * USBD_HOST_INTERRUPTED, keeping what already arrived. Async-signal-safe. */
@@ -130,7 +131,8 @@ USBD_HOST_API uint8_t usbd_host_device_endpoint(const usbd_host_device *device, 
 USBD_HOST_API uint8_t usbd_host_device_in_endpoint(const usbd_host_device *device);
 USBD_HOST_API uint8_t usbd_host_device_out_endpoint(const usbd_host_device *device);
 /* wMaxPacketSize of one of the function's endpoints, by address; 0 for any other address. */
-USBD_HOST_API unsigned usbd_host_device_max_packet(const usbd_host_device *device, uint8_t endpoint);
+USBD_HOST_API unsigned usbd_host_device_max_packet(const usbd_host_device *device,
+                                                   uint8_t endpoint);
 
 typedef enum usbd_host_string {
     USBD_HOST_MANUFACTURER = 0,
@@ -140,7 +142,8 @@ typedef enum usbd_host_string {
 } usbd_host_string;
 
 /* One of the device's strings; "" when it has none or it could not be read. */
-USBD_HOST_API const char *usbd_host_device_string(const usbd_host_device *device, usbd_host_string which);
+USBD_HOST_API const char *usbd_host_device_string(const usbd_host_device *device,
+                                                  usbd_host_string which);
 /* Why the strings could not be read (they need the device opened: without access, the message
  * says which udev rule would give it); "" when they were. */
 USBD_HOST_API const char *usbd_host_device_strings_error(const usbd_host_device *device);
@@ -179,8 +182,8 @@ USBD_HOST_API void usbd_host_close(usbd_host *host);
  * none is lost between two calls. The device's transfers end in whole packets: the bytes of the
  * packet that crosses the limit beyond it are dropped (usbd_host_stream_discarded). */
 typedef int (*usbd_host_sink_fn)(const uint8_t *data, size_t size, void *user);
-USBD_HOST_API usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_sink_fn sink,
-                                                 void *user);
+USBD_HOST_API usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit,
+                                                 usbd_host_sink_fn sink, void *user);
 
 /* Sends to the device what source yields: it fills up to room bytes of buffer and returns how
  * many, 0 at the end, or a negative number to stop (USBD_HOST_STOPPED). sent (may be NULL) sees

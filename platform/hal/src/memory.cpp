@@ -340,8 +340,8 @@ int arvo_hal_mem_map(arvo_hal_mem_t memory, uint8_t **virtual_base)
     if (!object)
         return ARVO_HAL_ERR_INVALID;
     if (!object->base) {
-        void *base = ::mmap(nullptr, object->size, PROT_READ | PROT_WRITE, MAP_SHARED,
-                            object->fd.get(), 0);
+        void *base =
+            ::mmap(nullptr, object->size, PROT_READ | PROT_WRITE, MAP_SHARED, object->fd.get(), 0);
         if (base == MAP_FAILED)
             return errno == ENOMEM ? ARVO_HAL_ERR_NO_MEMORY : ARVO_HAL_ERR_GENERIC;
         object->base = static_cast<uint8_t *>(base);

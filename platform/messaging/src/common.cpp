@@ -48,7 +48,8 @@ bool Common::init(bool useSessionBus, bool claimServiceName)
     if (!connection.isConnected()) {
         const QString error = connection.lastError().message();
         if (claimServiceName)
-            die(QStringLiteral("cannot connect to the %1 to register %2: %3").arg(bus, name, error));
+            die(QStringLiteral("cannot connect to the %1 to register %2: %3")
+                    .arg(bus, name, error));
         die(QStringLiteral("cannot connect to the %1: %2").arg(bus, error));
     }
 
@@ -56,7 +57,8 @@ bool Common::init(bool useSessionBus, bool claimServiceName)
         // No queueing and no replacement: a second instance must fail at once instead of
         // waiting silently in the queue or taking the name from the running one.
         const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
-            connection.interface()->registerService(name, QDBusConnectionInterface::DontQueueService,
+            connection.interface()->registerService(name,
+                                                    QDBusConnectionInterface::DontQueueService,
                                                     QDBusConnectionInterface::DontAllowReplacement);
         if (!reply.isValid())
             die(QStringLiteral("cannot register %1 on the %2: %3")

@@ -18,13 +18,15 @@ const char kPropertiesChanged[] = "PropertiesChanged";
 } // namespace
 
 DBusObject::DBusObject(const QString &name, QObject *parent)
-    : QObject(parent), path_(Common::objectPath(name))
+    : QObject(parent),
+      path_(Common::objectPath(name))
 {
     // Registering from the base constructor is safe: QtDBus stores only the pointer and reads
     // metaObject() when a call or an introspection arrives, by which time the derived class is
     // complete. Only signals would be bound here, and none are exported.
-    if (!Common::connection().registerObject(
-            path_, this, QDBusConnection::ExportScriptableSlots | QDBusConnection::ExportScriptableProperties))
+    if (!Common::connection().registerObject(path_, this,
+                                             QDBusConnection::ExportScriptableSlots
+                                                 | QDBusConnection::ExportScriptableProperties))
         qWarning("DBusObject: cannot register %s on the bus", qPrintable(path_));
 }
 
@@ -48,8 +50,8 @@ void DBusObject::notifyPropertyChanged(const char *name)
         value = QVariant(value.toInt());
 
     const int infoIndex = mo->indexOfClassInfo(kInterfaceClassInfo);
-    const QString interface = infoIndex >= 0 ? QString::fromLatin1(mo->classInfo(infoIndex).value())
-                                             : QString();
+    const QString interface =
+        infoIndex >= 0 ? QString::fromLatin1(mo->classInfo(infoIndex).value()) : QString();
 
     QDBusMessage signal = QDBusMessage::createSignal(path_, QLatin1String(kPropertiesInterface),
                                                      QLatin1String(kPropertiesChanged));

@@ -18,8 +18,9 @@
 #define IOSCONN_SIM_LINK_STATE "/run/mfi/link-state"
 
 #define IOSCONN_SIM_FRAME 1 /* meta: the frame header; data: the payload */
-#define IOSCONN_SIM_FILE 2  /* meta: the file record with its path and zero byte; data: the file's bytes */
-#define IOSCONN_SIM_SHM 3   /* meta: the shared-memory record; data: the memory's bytes */
+#define IOSCONN_SIM_FILE                                                                           \
+    2 /* meta: the file record with its path and zero byte; data: the file's bytes */
+#define IOSCONN_SIM_SHM 3 /* meta: the shared-memory record; data: the memory's bytes */
 
 /* Sizes of the records as the library reads them. */
 #define IOSCONN_SIM_FRAME_HEADER 32

@@ -38,8 +38,8 @@ constexpr char kIonDevice[] = "/dev/ion";
 // One transfer thread sends, but the calls are serialised anyway: a message on the peer's
 // socket must not interleave with another. iosconn_isconnect never takes this lock.
 std::mutex sendMutex;
-usbd::UniqueFd peer;                   // guarded by sendMutex; opened on first use
-arvo_hal_handle_t ionDevice = 0;       // guarded by sendMutex; opened on the first shm record
+usbd::UniqueFd peer;             // guarded by sendMutex; opened on first use
+arvo_hal_handle_t ionDevice = 0; // guarded by sendMutex; opened on the first shm record
 
 // The state line is a decimal int followed by an optional newline; anything else (including a
 // file still being written by hand) reads as "not connected" rather than a guess.
@@ -64,9 +64,18 @@ int parseState(const char *text, size_t length)
     return static_cast<int>(value);
 }
 
-uint32_t get32(const uint8_t *p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-uint16_t get16(const uint8_t *p) { return uint16_t(p[0] | p[1] << 8); }
-uint64_t get64(const uint8_t *p) { return uint64_t(get32(p)) | uint64_t(get32(p + 4)) << 32; }
+uint32_t get32(const uint8_t *p)
+{
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+uint16_t get16(const uint8_t *p)
+{
+    return uint16_t(p[0] | p[1] << 8);
+}
+uint64_t get64(const uint8_t *p)
+{
+    return uint64_t(get32(p)) | uint64_t(get32(p + 4)) << 32;
+}
 
 int fail(int error)
 {
@@ -219,13 +228,13 @@ int iosconn_isconnect(int which)
 int iosconn_send_with_header(int /*link_id*/, const void *header, int header_len,
                              const void *payload, int payload_len, int /*flags*/)
 {
-    if (header_len < 0 || header_len > IOSCONN_SIM_MAX_META || payload_len < 0 ||
-        (!header && header_len > 0) || (!payload && payload_len > 0))
+    if (header_len < 0 || header_len > IOSCONN_SIM_MAX_META || payload_len < 0
+        || (!header && header_len > 0) || (!payload && payload_len > 0))
         return fail(EINVAL);
     std::lock_guard<std::mutex> lock(sendMutex);
-    if (!sessionReady() ||
-        !beginMessage(IOSCONN_SIM_FRAME, header, uint32_t(header_len), uint32_t(payload_len), 0) ||
-        !sendAll(payload, size_t(payload_len)))
+    if (!sessionReady()
+        || !beginMessage(IOSCONN_SIM_FRAME, header, uint32_t(header_len), uint32_t(payload_len), 0)
+        || !sendAll(payload, size_t(payload_len)))
         return dropPeer();
     return finishMessage();
 }
@@ -292,13 +301,13 @@ int iosconn_send_shm(int /*link_id*/, const void *record, int /*flags*/)
     uint32_t memorySize = 0;
     uint8_t *base = nullptr;
     int result = -1;
-    if (arvo_hal_mem_get_size(memory, &memorySize) != ARVO_HAL_OK ||
-        uint64_t(offset) + size > memorySize) {
+    if (arvo_hal_mem_get_size(memory, &memorySize) != ARVO_HAL_OK
+        || uint64_t(offset) + size > memorySize) {
         errno = ERANGE;
     } else if (arvo_hal_mem_map(memory, &base) != ARVO_HAL_OK) {
         errno = ENOMEM;
-    } else if (!beginMessage(IOSCONN_SIM_SHM, record, IOSCONN_SIM_SHM_RECORD, size, padding) ||
-               !sendAll(base + offset, size)) {
+    } else if (!beginMessage(IOSCONN_SIM_SHM, record, IOSCONN_SIM_SHM_RECORD, size, padding)
+               || !sendAll(base + offset, size)) {
         dropPeer();
     } else {
         result = finishMessage();

@@ -8,7 +8,9 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
+#include <climits>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -74,7 +76,10 @@ int iosconn_send_with_header(int, const void *header, int headerLength, const vo
         std::lock_guard<std::mutex> guard(libraryMutex);
         frames.push_back(frame);
     }
-    return frameAnswer ? frameAnswer(payloadLength) : headerLength + payloadLength;
+    if (frameAnswer)
+        return frameAnswer(payloadLength);
+    // A frame near 2 GiB would overflow the count; the daemon ignores the padding frame's answer.
+    return int(std::min<qint64>(qint64(headerLength) + payloadLength, INT_MAX));
 }
 }
 

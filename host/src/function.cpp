@@ -1,6 +1,6 @@
 // Recognising the function in a configuration, and the small value types around it.
 
-#include <usbd/host.h>
+#include "function.h"
 
 #include <libusb.h>
 
@@ -131,6 +131,28 @@ size_t nextReceiveLength(uint64_t limit, uint64_t receivedOrAsked, size_t chunk,
     if (maxPacketSize != 0)
         wanted = (wanted + maxPacketSize - 1) / maxPacketSize * maxPacketSize;
     return wanted < chunk ? size_t(wanted) : chunk;
+}
+
+std::string permissionMessage(BusAddress location, uint16_t vendorId, uint16_t productId)
+{
+    std::string node = toString(location);
+    node[3] = '/';
+    char ids[16];
+    std::snprintf(ids, sizeof(ids), "%04x:%04x", vendorId, productId);
+    std::string message = "permission denied opening /dev/bus/usb/" + node + " (device " + ids + "): ";
+    const std::string rule = USBD_HOST_UDEV_RULE;
+    if (vendorId == kDefaultVendorId && productId == kDefaultProductId)
+        return message + "the udev rule " + rule + " opens it to the group plugdev and the user at the seat; "
+               "be in plugdev (log in again after adding yourself), and if the rule was installed after the "
+               "device was plugged in, run `udevadm trigger` or re-plug it";
+    char line[200];
+    std::snprintf(line, sizeof(line),
+                  "SUBSYSTEM==\"usb\", ENV{DEVTYPE}==\"usb_device\", ATTR{idVendor}==\"%04x\", "
+                  "ATTR{idProduct}==\"%04x\", MODE=\"0660\", GROUP=\"plugdev\", TAG+=\"uaccess\"",
+                  vendorId, productId);
+    return message + "the udev rule " + rule + " covers only the default ids 1d6b:0105; for this device add\n  "
+           + line + "\nto /etc/udev/rules.d/70-usbd-host-local.rules (usbd-gadget host-rule prints it on the "
+           "device), then run `udevadm control --reload && udevadm trigger`, and be in the group plugdev";
 }
 
 } // namespace usbd::host

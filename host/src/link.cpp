@@ -1,19 +1,31 @@
-// Finding, opening and streaming to and from the function with libusb.
+// Finding, opening and streaming to and from the function with libusb, behind the C interface
+// of <usbd/host.h>.
 
 #include <usbd/host.h>
+
+#include "function.h"
 
 #include <libusb.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <deque>
+#include <limits>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
 #include <thread>
-
-namespace usbd::host {
+#include <vector>
 
 namespace {
 
+using usbd::host::BusAddress;
+using usbd::host::Endpoint;
+using usbd::host::FunctionInterface;
+using usbd::host::toString;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPollInterval = std::chrono::milliseconds(500);
@@ -21,10 +33,62 @@ constexpr auto kTick = std::chrono::milliseconds(100);
 // A device node appears before udev has applied its rule to it; a waiting caller gives udev
 // this long before a refusal counts.
 constexpr auto kPermissionGrace = std::chrono::seconds(3);
+constexpr int kDefaultIdleTimeoutMs = 10000;
+constexpr size_t kDefaultTransferSize = 1024 * 1024;
+constexpr int kDefaultTransfersInFlight = 4;
 // The smallest transfer tried when the kernel cannot find memory for a larger one.
 constexpr size_t kMinTransferSize = 16 * 1024;
 constexpr size_t kMaxTransferSize = 64 * 1024 * 1024;
 constexpr int kMaxTransfersInFlight = 16;
+
+} // namespace
+
+// What the library knows of one device carrying the function.
+struct usbd_host_device {
+    BusAddress location;
+    uint16_t vendorId = 0;
+    uint16_t productId = 0;
+    int speed = 0; // libusb_speed
+    uint8_t configurationValue = 0;
+    unsigned maxPowerMilliamps = 0;
+    FunctionInterface function;
+    // Strings need the device opened; when it cannot be, stringsError says why.
+    std::string strings[4];
+    std::string stringsError;
+};
+
+struct usbd_host_list {
+    std::vector<usbd_host_device> devices;
+};
+
+struct usbd_host {
+    // Options.
+    std::optional<BusAddress> only;
+    bool wait = false;
+    int idleTimeoutMs = kDefaultIdleTimeoutMs;
+    size_t transferSize = kDefaultTransferSize;
+    int transfersInFlight = kDefaultTransfersInFlight;
+    usbd_host_progress_fn progress = nullptr;
+    void *progressUser = nullptr;
+
+    // Raised by usbd_host_interrupt(), from any thread or a signal handler; taken back by the
+    // call that ends because of it.
+    std::atomic<bool> interruptRequested{false};
+    std::string error;
+
+    // The open device, if any.
+    libusb_context *context = nullptr;
+    libusb_device_handle *handle = nullptr;
+    bool claimed = false;
+    usbd_host_device opened;
+
+    // The last stream.
+    uint64_t streamBytes = 0;
+    double streamSeconds = 0;
+    uint64_t streamDiscarded = 0;
+};
+
+namespace {
 
 struct ContextDeleter {
     void operator()(libusb_context *context) const { libusb_exit(context); }
@@ -46,50 +110,57 @@ struct ConfigDeleter {
 };
 using ConfigPtr = std::unique_ptr<libusb_config_descriptor, ConfigDeleter>;
 
-bool stopped(const StopFlag *stop)
+bool interrupted(const usbd_host *host)
 {
-    return stop != nullptr && stop->load();
+    return host->interruptRequested.load();
 }
 
-void sleepFor(Clock::duration duration, const StopFlag *stop)
+// Ends a call with status; an interruption is used up by the call it ended.
+usbd_host_status finish(usbd_host *host, usbd_host_status status, std::string message = std::string())
 {
-    const auto until = Clock::now() + duration;
-    while (!stopped(stop) && Clock::now() < until)
-        std::this_thread::sleep_for(std::min<Clock::duration>(kTick, until - Clock::now()));
+    if (status == USBD_HOST_INTERRUPTED)
+        host->interruptRequested.store(false);
+    host->error = status == USBD_HOST_OK ? std::string() : std::move(message);
+    return status;
 }
 
-Status statusOf(int libusbError)
+// Nothing thrown may cross the C interface; the only thing that can be thrown here is a failed
+// allocation.
+template <typename Body>
+usbd_host_status guarded(usbd_host *host, Body body)
 {
-    switch (libusbError) {
-    case LIBUSB_SUCCESS:
-        return Status::Ok;
-    case LIBUSB_ERROR_ACCESS:
-        return Status::AccessDenied;
-    case LIBUSB_ERROR_BUSY:
-        return Status::Busy;
-    case LIBUSB_ERROR_NO_DEVICE:
-        return Status::Gone;
-    case LIBUSB_ERROR_TIMEOUT:
-        return Status::Timeout;
-    case LIBUSB_ERROR_INTERRUPTED:
-        return Status::Interrupted;
-    default:
-        return Status::Failed;
+    try {
+        return body();
+    } catch (const std::bad_alloc &) {
+        return finish(host, USBD_HOST_FAILED, "out of memory");
     }
 }
 
-std::string nodePath(BusAddress location)
+void sleepFor(Clock::duration duration, const usbd_host *host)
 {
-    std::string name = toString(location);
-    name[3] = '/';
-    return "/dev/bus/usb/" + name;
+    const auto until = Clock::now() + duration;
+    while (!interrupted(host) && Clock::now() < until)
+        std::this_thread::sleep_for(std::min<Clock::duration>(kTick, until - Clock::now()));
 }
 
-std::string permissionMessage(BusAddress location)
+usbd_host_status statusOf(int libusbError)
 {
-    return "permission denied opening " + nodePath(location) + ": install the udev rule " + kUdevRule
-           + " (into /etc/udev/rules.d, then `udevadm control --reload && udevadm trigger`) and be in the"
-             " group plugdev, or run as root";
+    switch (libusbError) {
+    case LIBUSB_SUCCESS:
+        return USBD_HOST_OK;
+    case LIBUSB_ERROR_ACCESS:
+        return USBD_HOST_ACCESS_DENIED;
+    case LIBUSB_ERROR_BUSY:
+        return USBD_HOST_BUSY;
+    case LIBUSB_ERROR_NO_DEVICE:
+        return USBD_HOST_GONE;
+    case LIBUSB_ERROR_TIMEOUT:
+        return USBD_HOST_TIMEOUT;
+    case LIBUSB_ERROR_INTERRUPTED:
+        return USBD_HOST_INTERRUPTED;
+    default:
+        return USBD_HOST_FAILED;
+    }
 }
 
 std::string functionShape()
@@ -111,10 +182,10 @@ ContextPtr makeContext(std::string *error)
 struct Candidate {
     DevicePtr device;
     libusb_device_descriptor descriptor{};
-    DeviceInfo info;
+    usbd_host_device info;
 };
 
-// present: whether a device sits at options.device at all, to tell "not there" from "not ours".
+// present: whether a device sits at `only` at all, to tell "not there" from "not ours".
 std::vector<Candidate> scan(libusb_context *context, const std::optional<BusAddress> &only, bool *present)
 {
     std::vector<Candidate> found;
@@ -135,16 +206,16 @@ std::vector<Candidate> scan(libusb_context *context, const std::optional<BusAddr
         if (libusb_get_active_config_descriptor(device, &raw) != LIBUSB_SUCCESS)
             continue;
         const ConfigPtr config(raw);
-        auto function = findFunction(*config);
+        auto function = usbd::host::findFunction(*config);
         if (!function)
             continue;
-        DeviceInfo &info = candidate.info;
+        usbd_host_device &info = candidate.info;
         info.location = location;
         info.vendorId = candidate.descriptor.idVendor;
         info.productId = candidate.descriptor.idProduct;
         info.speed = libusb_get_device_speed(device);
         info.configurationValue = config->bConfigurationValue;
-        info.maxPowerMilliamps = maxPowerMilliamps(config->MaxPower, info.speed);
+        info.maxPowerMilliamps = usbd::host::maxPowerMilliamps(config->MaxPower, info.speed);
         info.function = std::move(*function);
         candidate.device.reset(libusb_ref_device(device));
         found.push_back(std::move(candidate));
@@ -155,7 +226,7 @@ std::vector<Candidate> scan(libusb_context *context, const std::optional<BusAddr
     return found;
 }
 
-void readStrings(libusb_device_handle *handle, const libusb_device_descriptor &descriptor, DeviceInfo *info)
+void readStrings(libusb_device_handle *handle, const libusb_device_descriptor &descriptor, usbd_host_device *info)
 {
     auto read = [&](uint8_t index, std::string *into) {
         if (index == 0)
@@ -167,10 +238,15 @@ void readStrings(libusb_device_handle *handle, const libusb_device_descriptor &d
         else if (info->stringsError.empty())
             info->stringsError = "string " + std::to_string(index) + ": " + libusb_strerror(rc);
     };
-    read(descriptor.iManufacturer, &info->manufacturer);
-    read(descriptor.iProduct, &info->product);
-    read(descriptor.iSerialNumber, &info->serialNumber);
-    read(info->function.stringIndex, &info->interfaceName);
+    read(descriptor.iManufacturer, &info->strings[USBD_HOST_MANUFACTURER]);
+    read(descriptor.iProduct, &info->strings[USBD_HOST_PRODUCT]);
+    read(descriptor.iSerialNumber, &info->strings[USBD_HOST_SERIAL]);
+    read(info->function.stringIndex, &info->strings[USBD_HOST_INTERFACE_NAME]);
+}
+
+std::string permissionMessage(const usbd_host_device &device)
+{
+    return usbd::host::permissionMessage(device.location, device.vendorId, device.productId);
 }
 
 // Wakes a waiting caller when a device arrives, where libusb can say so.
@@ -194,15 +270,15 @@ public:
     // Until a device arrives, the poll interval has passed, or the caller gives up. Polling
     // stays even with hot-plug events: they come from the udev daemon, which a minimal system
     // may not run.
-    void sleep(const StopFlag *stop)
+    void sleep(const usbd_host *host)
     {
         if (!context_) {
-            sleepFor(kPollInterval, stop);
+            sleepFor(kPollInterval, host);
             return;
         }
         arrived_ = 0;
         const auto until = Clock::now() + kPollInterval;
-        while (!arrived_ && !stopped(stop) && Clock::now() < until) {
+        while (!arrived_ && !interrupted(host) && Clock::now() < until) {
             timeval tick{0, long(std::chrono::microseconds(kTick).count())};
             libusb_handle_events_timeout_completed(context_.get(), &tick, &arrived_);
         }
@@ -226,35 +302,48 @@ struct Found {
 
 // Every scan uses a fresh libusb context: a context's device list follows udev's hot-plug
 // events, and without a udev daemon it would never show a device that arrived after it.
-Status find(const FindOptions &options, Found *found, std::string *error)
+usbd_host_status find(usbd_host *host, Found *found)
 {
     std::unique_ptr<ArrivalWatch> watch;
     for (;;) {
         found->candidates.clear();
-        found->context = makeContext(error);
+        std::string error;
+        found->context = makeContext(&error);
         if (!found->context)
-            return Status::Failed;
+            return finish(host, USBD_HOST_FAILED, error);
         bool present = false;
-        found->candidates = scan(found->context.get(), options.device, &present);
+        found->candidates = scan(found->context.get(), host->only, &present);
         if (!found->candidates.empty())
-            return Status::Ok;
-        if (!options.wait) {
-            if (!options.device)
-                *error = "no device carrying the function (" + functionShape() + ") is attached";
+            return USBD_HOST_OK;
+        if (!host->wait) {
+            if (!host->only)
+                error = "no device carrying the function (" + functionShape() + ") is attached";
             else if (present)
-                *error = "device " + toString(*options.device) + " does not carry the function (" + functionShape() + ")";
+                error = "device " + toString(*host->only) + " does not carry the function (" + functionShape() + ")";
             else
-                *error = "no device at " + toString(*options.device);
-            return Status::NotFound;
+                error = "no device at " + toString(*host->only);
+            return finish(host, USBD_HOST_NOT_FOUND, error);
         }
         if (!watch)
             watch = std::make_unique<ArrivalWatch>();
-        watch->sleep(options.stop);
-        if (stopped(options.stop)) {
-            *error = "interrupted while waiting for the device";
-            return Status::Interrupted;
-        }
+        watch->sleep(host);
+        if (interrupted(host))
+            return finish(host, USBD_HOST_INTERRUPTED, "interrupted while waiting for the device");
     }
+}
+
+void closeDevice(usbd_host *host)
+{
+    if (host->claimed)
+        libusb_release_interface(host->handle, host->opened.function.interfaceNumber);
+    if (host->handle)
+        libusb_close(host->handle);
+    if (host->context)
+        libusb_exit(host->context);
+    host->claimed = false;
+    host->handle = nullptr;
+    host->context = nullptr;
+    host->opened = usbd_host_device();
 }
 
 // ---- Streaming
@@ -274,25 +363,25 @@ void LIBUSB_CALL onTransferDone(libusb_transfer *transfer)
 // (the endpoint's queue fills them in that order), so the bytes stay in sequence.
 class Transfers {
 public:
-    Transfers(libusb_context *context, libusb_device_handle *handle, Endpoint endpoint, const StreamOptions &options)
-        : context_(context), handle_(handle), endpoint_(endpoint),
-          size_(std::clamp(options.transferSize, kMinTransferSize, kMaxTransferSize)),
-          slots_(size_t(std::clamp(options.transfersInFlight, 1, kMaxTransfersInFlight)))
+    Transfers(const usbd_host &host, Endpoint endpoint)
+        : context_(host.context), handle_(host.handle), endpoint_(endpoint),
+          size_(std::clamp(host.transferSize, kMinTransferSize, kMaxTransferSize)),
+          slots_(size_t(std::clamp(host.transfersInFlight, 1, kMaxTransfersInFlight)))
     {
         // Whole packets per transfer, so that only the end of the data makes a short packet.
         if (endpoint_.maxPacketSize != 0)
             size_ -= size_ % endpoint_.maxPacketSize;
         for (Slot &slot : slots_) {
             slot.transfer = libusb_alloc_transfer(0);
-            slot.buffer.reset(new uint8_t[size_]);
-            if (slot.transfer)
+            slot.buffer.reset(new (std::nothrow) uint8_t[size_]);
+            if (slot.transfer && slot.buffer)
                 free_.push_back(&slot);
         }
     }
 
     ~Transfers()
     {
-        // Nothing may be in flight here: drain() ran to the end before.
+        // Nothing may be in flight here: the stream ran to the end before.
         for (Slot &slot : slots_)
             libusb_free_transfer(slot.transfer);
     }
@@ -373,46 +462,50 @@ std::string hex(uint8_t address)
     return text;
 }
 
-// The outcome of one transfer that came back; Ok when its bytes count.
-Status transferStatus(const libusb_transfer &transfer, std::string *message)
+// The outcome of one transfer that came back; OK when its bytes count.
+usbd_host_status transferStatus(const libusb_transfer &transfer, std::string *message)
 {
     const std::string endpoint = hex(transfer.endpoint);
     switch (transfer.status) {
     case LIBUSB_TRANSFER_COMPLETED:
     case LIBUSB_TRANSFER_CANCELLED:
     case LIBUSB_TRANSFER_TIMED_OUT:
-        return Status::Ok;
+        return USBD_HOST_OK;
     case LIBUSB_TRANSFER_NO_DEVICE:
         *message = "the device left the bus";
-        return Status::Gone;
+        return USBD_HOST_GONE;
     case LIBUSB_TRANSFER_STALL:
         *message = "the device stalled endpoint " + endpoint;
-        return Status::Failed;
+        return USBD_HOST_FAILED;
     case LIBUSB_TRANSFER_OVERFLOW:
         *message = "the device sent more than asked for on endpoint " + endpoint;
-        return Status::Failed;
+        return USBD_HOST_FAILED;
     default:
         *message = "transfer on endpoint " + endpoint + " failed";
-        return Status::Failed;
+        return USBD_HOST_FAILED;
     }
 }
 
 // Ticks, progress and the reasons to end, shared by both directions.
 class StreamState {
 public:
-    explicit StreamState(const StreamOptions &options) : options_(options), start_(Clock::now()), lastMoved_(start_) {}
+    explicit StreamState(usbd_host &host) : host_(host), start_(Clock::now()), lastMoved_(start_)
+    {
+        host_.streamBytes = 0;
+        host_.streamSeconds = 0;
+        host_.streamDiscarded = 0;
+    }
 
     bool stopping() const { return stopping_; }
-    bool broken() const { return result_.status != Status::Ok && result_.status != Status::Interrupted
-                                 && result_.status != Status::Timeout; }
+    bool broken() const { return status_ != USBD_HOST_OK && status_ != USBD_HOST_INTERRUPTED && status_ != USBD_HOST_TIMEOUT; }
 
     // The first reason to end wins; later ones (the cancellations it causes) are consequences.
-    void end(Status status, std::string message, Transfers &transfers)
+    void end(usbd_host_status status, std::string message, Transfers &transfers)
     {
         if (!stopping_) {
             stopping_ = true;
-            result_.status = status;
-            result_.message = std::move(message);
+            status_ = status;
+            message_ = std::move(message);
         }
         transfers.cancelAll();
     }
@@ -421,181 +514,56 @@ public:
     void submitFailed(int rc, const char *doing, Transfers &transfers)
     {
         if (rc == LIBUSB_ERROR_NO_DEVICE)
-            end(Status::Gone, "the device left the bus", transfers);
+            end(USBD_HOST_GONE, "the device left the bus", transfers);
         else
-            end(Status::Failed, std::string("cannot ") + doing + " the device: " + libusb_strerror(rc), transfers);
+            end(USBD_HOST_FAILED, std::string("cannot ") + doing + " the device: " + libusb_strerror(rc), transfers);
     }
 
     void moved(uint64_t bytes)
     {
-        result_.bytes += bytes;
+        host_.streamBytes += bytes;
         lastMoved_ = Clock::now();
     }
 
-    void discarded(uint64_t bytes) { result_.discarded += bytes; }
-    uint64_t bytes() const { return result_.bytes; }
+    void discarded(uint64_t bytes) { host_.streamDiscarded += bytes; }
+    uint64_t bytes() const { return host_.streamBytes; }
 
-    // After every tick: the caller's stop flag, the idle time-out, progress.
+    // After every tick: the caller's interruption, the idle time-out, progress.
     void checkTick(Transfers &transfers)
     {
         const auto now = Clock::now();
-        if (!stopping_ && stopped(options_.stop))
-            end(Status::Interrupted, "interrupted", transfers);
-        if (!stopping_ && options_.idleTimeoutMs > 0
-            && now - lastMoved_ >= std::chrono::milliseconds(options_.idleTimeoutMs))
-            end(Status::Timeout, "nothing moved for " + std::to_string(options_.idleTimeoutMs) + " ms", transfers);
-        if (options_.progress && now - lastProgress_ >= kTick) {
+        if (!stopping_ && interrupted(&host_))
+            end(USBD_HOST_INTERRUPTED, "interrupted", transfers);
+        if (!stopping_ && host_.idleTimeoutMs > 0 && now - lastMoved_ >= std::chrono::milliseconds(host_.idleTimeoutMs))
+            end(USBD_HOST_TIMEOUT, "nothing moved for " + std::to_string(host_.idleTimeoutMs) + " ms", transfers);
+        if (host_.progress && now - lastProgress_ >= kTick) {
             lastProgress_ = now;
-            options_.progress(result_.bytes, std::chrono::duration<double>(now - start_).count());
+            host_.progress(host_.streamBytes, std::chrono::duration<double>(now - start_).count(), host_.progressUser);
         }
     }
 
-    StreamResult finish()
+    usbd_host_status finishStream()
     {
-        result_.seconds = result_.bytes ? std::chrono::duration<double>(lastMoved_ - start_).count() : 0;
-        return result_;
+        host_.streamSeconds = host_.streamBytes ? std::chrono::duration<double>(lastMoved_ - start_).count() : 0;
+        return finish(&host_, status_, message_);
     }
 
 private:
-    const StreamOptions &options_;
+    usbd_host &host_;
     Clock::time_point start_;
     Clock::time_point lastMoved_;
     Clock::time_point lastProgress_{};
     bool stopping_ = false;
-    StreamResult result_;
+    usbd_host_status status_ = USBD_HOST_OK;
+    std::string message_;
 };
 
-StreamResult outOfMemory()
-{
-    StreamResult result;
-    result.status = Status::Failed;
-    result.message = "cannot allocate USB transfers";
-    return result;
-}
-
-} // namespace
-
-Status listDevices(const FindOptions &options, std::vector<DeviceInfo> *devices, std::string *error)
-{
-    devices->clear();
-    Found found;
-    const Status status = find(options, &found, error);
-    if (status != Status::Ok)
-        return status;
-    for (Candidate &candidate : found.candidates) {
-        libusb_device_handle *raw = nullptr;
-        const int rc = libusb_open(candidate.device.get(), &raw);
-        if (rc == LIBUSB_SUCCESS) {
-            const HandlePtr handle(raw);
-            readStrings(handle.get(), candidate.descriptor, &candidate.info);
-        } else if (rc == LIBUSB_ERROR_ACCESS) {
-            candidate.info.stringsError = permissionMessage(candidate.info.location);
-        } else {
-            candidate.info.stringsError = std::string("cannot open the device: ") + libusb_strerror(rc);
-        }
-        devices->push_back(std::move(candidate.info));
-    }
-    return Status::Ok;
-}
-
-Status Link::open(const FindOptions &options, std::unique_ptr<Link> *link, std::string *error)
-{
-    std::optional<Clock::time_point> deniedSince;
-    for (;;) {
-        if (stopped(options.stop)) {
-            *error = "interrupted while waiting for the device";
-            return Status::Interrupted;
-        }
-        Found found;
-        Status status = find(options, &found, error);
-        if (status != Status::Ok)
-            return status;
-        if (found.candidates.size() > 1) {
-            *error = "several devices carry the function:";
-            for (const Candidate &candidate : found.candidates)
-                *error += " " + toString(candidate.info.location);
-            *error += "; choose one with --device BUS:ADDR";
-            return Status::Ambiguous;
-        }
-        Candidate &candidate = found.candidates.front();
-        const BusAddress location = candidate.info.location;
-
-        libusb_device_handle *raw = nullptr;
-        int rc = libusb_open(candidate.device.get(), &raw);
-        // While waiting, a refusal or a device that left again may be passing: udev has not
-        // applied its rule yet, or the device re-enumerated. Try again, for a while.
-        if (options.wait && rc == LIBUSB_ERROR_ACCESS) {
-            if (!deniedSince)
-                deniedSince = Clock::now();
-            if (Clock::now() - *deniedSince < kPermissionGrace) {
-                sleepFor(std::chrono::milliseconds(250), options.stop);
-                continue;
-            }
-        }
-        if (options.wait && rc == LIBUSB_ERROR_NO_DEVICE) {
-            sleepFor(std::chrono::milliseconds(250), options.stop);
-            continue;
-        }
-        if (rc != LIBUSB_SUCCESS) {
-            *error = rc == LIBUSB_ERROR_ACCESS ? permissionMessage(location)
-                                               : "cannot open " + toString(location) + ": " + libusb_strerror(rc);
-            return statusOf(rc);
-        }
-
-        std::unique_ptr<Link> opened(new Link);
-        opened->handle_ = raw;
-        opened->device_ = std::move(candidate.info);
-        readStrings(raw, candidate.descriptor, &opened->device_);
-        found.candidates.clear();
-        opened->context_ = found.context.release();
-
-        const FunctionInterface &function = opened->device_.function;
-        // Not every platform can detach a kernel driver; the claim below says what matters.
-        libusb_set_auto_detach_kernel_driver(raw, 1);
-        rc = libusb_claim_interface(raw, function.interfaceNumber);
-        if (rc != LIBUSB_SUCCESS) {
-            if (rc == LIBUSB_ERROR_BUSY)
-                *error = "interface " + std::to_string(function.interfaceNumber) + " of " + toString(location)
-                         + " is in use by another program";
-            else if (rc == LIBUSB_ERROR_ACCESS)
-                *error = permissionMessage(location);
-            else
-                *error = "cannot claim interface " + std::to_string(function.interfaceNumber) + " of "
-                         + toString(location) + ": " + libusb_strerror(rc);
-            return statusOf(rc);
-        }
-        opened->claimed_ = true;
-        if (function.alternateSetting != 0) {
-            rc = libusb_set_interface_alt_setting(raw, function.interfaceNumber, function.alternateSetting);
-            if (rc != LIBUSB_SUCCESS) {
-                *error = "cannot select alternate setting " + std::to_string(function.alternateSetting) + " of "
-                         + toString(location) + ": " + libusb_strerror(rc);
-                return statusOf(rc);
-            }
-        }
-        *link = std::move(opened);
-        return Status::Ok;
-    }
-}
-
-Link::~Link()
-{
-    if (claimed_)
-        libusb_release_interface(handle_, device_.function.interfaceNumber);
-    if (handle_)
-        libusb_close(handle_);
-    if (context_)
-        libusb_exit(context_);
-}
-
-namespace {
-
 // The loop both directions share. `fill(slot)` submits one free slot and returns false when no
-// more should go out for now; `take(transfer, buffer)` sees each completed transfer's bytes
+// more should go out for now; `take(length, buffer)` sees each completed transfer's bytes
 // (unless the stream already broke) before its slot is released. A transfer that ends badly
 // ends the stream; the transfers still in flight are then cancelled and waited for.
 template <typename Fill, typename Take>
-StreamResult pump(Transfers &transfers, StreamState &state, Fill fill, Take take)
+usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take take)
 {
     for (;;) {
         while (!state.stopping()) {
@@ -612,98 +580,455 @@ StreamResult pump(Transfers &transfers, StreamState &state, Fill fill, Take take
             if (transfer.actual_length > 0 && !state.broken())
                 take(size_t(transfer.actual_length), slot->buffer.get());
             std::string message;
-            const Status status = transferStatus(transfer, &message);
+            const usbd_host_status status = transferStatus(transfer, &message);
             transfers.release(slot);
-            if (status != Status::Ok)
+            if (status != USBD_HOST_OK)
                 state.end(status, message, transfers);
         }
         state.checkTick(transfers);
     }
-    return state.finish();
+    return state.finishStream();
+}
+
+// A stream needs an open device and the buffers for its transfers.
+bool readyToStream(usbd_host *host, const Transfers &transfers, usbd_host_status *status)
+{
+    if (!host->handle) {
+        *status = finish(host, USBD_HOST_FAILED, "no device is open");
+        return false;
+    }
+    if (!transfers.ok()) {
+        *status = finish(host, USBD_HOST_FAILED, "cannot allocate USB transfers");
+        return false;
+    }
+    return true;
+}
+
+usbd_host_status openOnce(usbd_host *host, bool *retry)
+{
+    *retry = false;
+    Found found;
+    usbd_host_status status = find(host, &found);
+    if (status != USBD_HOST_OK)
+        return status;
+    if (found.candidates.size() > 1) {
+        std::string error = "several devices carry the function:";
+        for (const Candidate &candidate : found.candidates)
+            error += " " + toString(candidate.info.location);
+        return finish(host, USBD_HOST_AMBIGUOUS, error + "; choose one by its bus and address");
+    }
+    Candidate &candidate = found.candidates.front();
+    const BusAddress location = candidate.info.location;
+
+    libusb_device_handle *raw = nullptr;
+    int rc = libusb_open(candidate.device.get(), &raw);
+    // While waiting, a device that left again may be re-enumerating: look again.
+    if (host->wait && rc == LIBUSB_ERROR_NO_DEVICE) {
+        *retry = true;
+        return USBD_HOST_GONE;
+    }
+    if (rc != LIBUSB_SUCCESS) {
+        if (rc == LIBUSB_ERROR_ACCESS)
+            return finish(host, USBD_HOST_ACCESS_DENIED, permissionMessage(candidate.info));
+        return finish(host, statusOf(rc), "cannot open " + toString(location) + ": " + libusb_strerror(rc));
+    }
+
+    host->handle = raw;
+    host->opened = std::move(candidate.info);
+    readStrings(raw, candidate.descriptor, &host->opened);
+    found.candidates.clear();
+    host->context = found.context.release();
+
+    const FunctionInterface &function = host->opened.function;
+    // Not every platform can detach a kernel driver; the claim below says what matters.
+    libusb_set_auto_detach_kernel_driver(raw, 1);
+    rc = libusb_claim_interface(raw, function.interfaceNumber);
+    if (rc != LIBUSB_SUCCESS) {
+        std::string error;
+        if (rc == LIBUSB_ERROR_BUSY)
+            error = "interface " + std::to_string(function.interfaceNumber) + " of " + toString(location)
+                    + " is in use by another program";
+        else if (rc == LIBUSB_ERROR_ACCESS)
+            error = permissionMessage(host->opened);
+        else
+            error = "cannot claim interface " + std::to_string(function.interfaceNumber) + " of " + toString(location)
+                    + ": " + libusb_strerror(rc);
+        closeDevice(host);
+        return finish(host, statusOf(rc), error);
+    }
+    host->claimed = true;
+    if (function.alternateSetting != 0) {
+        rc = libusb_set_interface_alt_setting(raw, function.interfaceNumber, function.alternateSetting);
+        if (rc != LIBUSB_SUCCESS) {
+            const std::string error = "cannot select alternate setting " + std::to_string(function.alternateSetting)
+                                      + " of " + toString(location) + ": " + libusb_strerror(rc);
+            closeDevice(host);
+            return finish(host, statusOf(rc), error);
+        }
+    }
+    return finish(host, USBD_HOST_OK);
 }
 
 } // namespace
 
-StreamResult Link::receive(const StreamOptions &options, const std::function<bool(const uint8_t *, size_t)> &sink)
-{
-    const Endpoint endpoint = device_.function.in;
-    Transfers transfers(context_, handle_, endpoint, options);
-    StreamState state(options);
-    if (!transfers.ok())
-        return outOfMemory();
-    uint64_t received = 0; // also counts bytes past the limit: they were asked for
+extern "C" {
 
-    auto fill = [&](Slot *slot) {
+const char *usbd_host_version(void)
+{
+    return USBD_HOST_LIBRARY_VERSION;
+}
+
+const char *usbd_host_status_name(usbd_host_status status)
+{
+    switch (status) {
+    case USBD_HOST_OK:
+        return "ok";
+    case USBD_HOST_NOT_FOUND:
+        return "not found";
+    case USBD_HOST_AMBIGUOUS:
+        return "ambiguous";
+    case USBD_HOST_ACCESS_DENIED:
+        return "access denied";
+    case USBD_HOST_BUSY:
+        return "busy";
+    case USBD_HOST_GONE:
+        return "gone";
+    case USBD_HOST_TIMEOUT:
+        return "timeout";
+    case USBD_HOST_INTERRUPTED:
+        return "interrupted";
+    case USBD_HOST_STOPPED:
+        return "stopped";
+    case USBD_HOST_FAILED:
+        return "failed";
+    }
+    return "unknown";
+}
+
+usbd_host *usbd_host_new(void)
+{
+    return new (std::nothrow) usbd_host;
+}
+
+void usbd_host_free(usbd_host *host)
+{
+    if (!host)
+        return;
+    closeDevice(host);
+    delete host;
+}
+
+void usbd_host_select(usbd_host *host, uint8_t bus, uint8_t address)
+{
+    if (bus == 0 && address == 0)
+        host->only.reset();
+    else
+        host->only = BusAddress{bus, address};
+}
+
+int usbd_host_parse_address(const char *text, uint8_t *bus, uint8_t *address)
+{
+    const auto parsed = text ? usbd::host::parseBusAddress(text) : std::nullopt;
+    if (!parsed)
+        return -1;
+    *bus = parsed->bus;
+    *address = parsed->address;
+    return 0;
+}
+
+void usbd_host_set_wait(usbd_host *host, int wait)
+{
+    host->wait = wait != 0;
+}
+
+void usbd_host_set_idle_timeout(usbd_host *host, unsigned milliseconds)
+{
+    host->idleTimeoutMs = int(std::min<unsigned>(milliseconds, unsigned(std::numeric_limits<int>::max())));
+}
+
+void usbd_host_set_transfers(usbd_host *host, size_t size, unsigned in_flight)
+{
+    host->transferSize = size;
+    host->transfersInFlight = int(std::min<unsigned>(in_flight, unsigned(kMaxTransfersInFlight)));
+}
+
+void usbd_host_set_progress(usbd_host *host, usbd_host_progress_fn progress, void *user)
+{
+    host->progress = progress;
+    host->progressUser = user;
+}
+
+void usbd_host_interrupt(usbd_host *host)
+{
+    host->interruptRequested.store(true);
+}
+
+const char *usbd_host_error(const usbd_host *host)
+{
+    return host->error.c_str();
+}
+
+uint8_t usbd_host_device_bus(const usbd_host_device *device)
+{
+    return device->location.bus;
+}
+
+uint8_t usbd_host_device_address(const usbd_host_device *device)
+{
+    return device->location.address;
+}
+
+uint16_t usbd_host_device_vendor_id(const usbd_host_device *device)
+{
+    return device->vendorId;
+}
+
+uint16_t usbd_host_device_product_id(const usbd_host_device *device)
+{
+    return device->productId;
+}
+
+const char *usbd_host_device_speed(const usbd_host_device *device)
+{
+    return usbd::host::speedName(device->speed);
+}
+
+uint8_t usbd_host_device_configuration(const usbd_host_device *device)
+{
+    return device->configurationValue;
+}
+
+unsigned usbd_host_device_max_power(const usbd_host_device *device)
+{
+    return device->maxPowerMilliamps;
+}
+
+uint8_t usbd_host_device_interface(const usbd_host_device *device)
+{
+    return device->function.interfaceNumber;
+}
+
+uint8_t usbd_host_device_alternate_setting(const usbd_host_device *device)
+{
+    return device->function.alternateSetting;
+}
+
+unsigned usbd_host_device_endpoint_count(const usbd_host_device *device)
+{
+    return unsigned(device->function.endpoints.size());
+}
+
+uint8_t usbd_host_device_endpoint(const usbd_host_device *device, unsigned index)
+{
+    return index < device->function.endpoints.size() ? device->function.endpoints[index].address : 0;
+}
+
+uint8_t usbd_host_device_in_endpoint(const usbd_host_device *device)
+{
+    return device->function.in.address;
+}
+
+uint8_t usbd_host_device_out_endpoint(const usbd_host_device *device)
+{
+    return device->function.out.address;
+}
+
+unsigned usbd_host_device_max_packet(const usbd_host_device *device, uint8_t endpoint)
+{
+    for (const Endpoint &candidate : device->function.endpoints) {
+        if (candidate.address == endpoint)
+            return candidate.maxPacketSize;
+    }
+    return 0;
+}
+
+const char *usbd_host_device_string(const usbd_host_device *device, usbd_host_string which)
+{
+    const int index = int(which);
+    return index >= 0 && index < 4 ? device->strings[index].c_str() : "";
+}
+
+const char *usbd_host_device_strings_error(const usbd_host_device *device)
+{
+    return device->stringsError.c_str();
+}
+
+usbd_host_status usbd_host_list_devices(usbd_host *host, usbd_host_list **list)
+{
+    *list = nullptr;
+    return guarded(host, [&] {
+        Found found;
+        const usbd_host_status status = find(host, &found);
+        if (status != USBD_HOST_OK)
+            return status;
+        auto result = std::make_unique<usbd_host_list>();
+        for (Candidate &candidate : found.candidates) {
+            libusb_device_handle *raw = nullptr;
+            const int rc = libusb_open(candidate.device.get(), &raw);
+            if (rc == LIBUSB_SUCCESS) {
+                const HandlePtr handle(raw);
+                readStrings(handle.get(), candidate.descriptor, &candidate.info);
+            } else if (rc == LIBUSB_ERROR_ACCESS) {
+                candidate.info.stringsError = permissionMessage(candidate.info);
+            } else {
+                candidate.info.stringsError = std::string("cannot open the device: ") + libusb_strerror(rc);
+            }
+            result->devices.push_back(std::move(candidate.info));
+        }
+        *list = result.release();
+        return finish(host, USBD_HOST_OK);
+    });
+}
+
+size_t usbd_host_list_count(const usbd_host_list *list)
+{
+    return list ? list->devices.size() : 0;
+}
+
+const usbd_host_device *usbd_host_list_get(const usbd_host_list *list, size_t index)
+{
+    return list && index < list->devices.size() ? &list->devices[index] : nullptr;
+}
+
+void usbd_host_list_free(usbd_host_list *list)
+{
+    delete list;
+}
+
+usbd_host_status usbd_host_open(usbd_host *host)
+{
+    closeDevice(host);
+    return guarded(host, [&] {
+        std::optional<Clock::time_point> deniedSince;
         for (;;) {
-            const size_t length = nextReceiveLength(options.limit, received + transfers.inFlightBytes(),
-                                                    transfers.size(), endpoint.maxPacketSize);
-            if (length == 0)
+            if (interrupted(host))
+                return finish(host, USBD_HOST_INTERRUPTED, "interrupted while waiting for the device");
+            bool retry = false;
+            const usbd_host_status status = openOnce(host, &retry);
+            // While waiting, a refusal may be passing too: udev has not applied its rule yet.
+            // Try again, for a while.
+            if (host->wait && status == USBD_HOST_ACCESS_DENIED) {
+                if (!deniedSince)
+                    deniedSince = Clock::now();
+                retry = Clock::now() - *deniedSince < kPermissionGrace;
+            }
+            if (!retry)
+                return status;
+            sleepFor(std::chrono::milliseconds(250), host);
+        }
+    });
+}
+
+const usbd_host_device *usbd_host_opened(const usbd_host *host)
+{
+    return host->handle ? &host->opened : nullptr;
+}
+
+void usbd_host_close(usbd_host *host)
+{
+    closeDevice(host);
+}
+
+usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_sink_fn sink, void *user)
+{
+    return guarded(host, [&] {
+        const Endpoint endpoint = host->opened.function.in;
+        Transfers transfers(*host, endpoint);
+        usbd_host_status status;
+        if (!readyToStream(host, transfers, &status))
+            return status;
+        StreamState state(*host);
+        uint64_t received = 0; // also counts bytes past the limit: they were asked for
+
+        auto fill = [&](Slot *slot) {
+            for (;;) {
+                const size_t length = usbd::host::nextReceiveLength(limit, received + transfers.inFlightBytes(),
+                                                                    transfers.size(), endpoint.maxPacketSize);
+                if (length == 0)
+                    return false;
+                const int rc = transfers.submit(slot, length);
+                if (rc == LIBUSB_ERROR_NO_MEM && transfers.shrink())
+                    continue; // the same slot, smaller
+                if (rc != LIBUSB_SUCCESS) {
+                    state.submitFailed(rc, "read from", transfers);
+                    return false;
+                }
+                return true;
+            }
+        };
+        auto take = [&](size_t got, const uint8_t *data) {
+            received += got;
+            const uint64_t room = limit ? limit - state.bytes() : got;
+            const size_t keep = size_t(std::min<uint64_t>(got, room));
+            state.discarded(got - keep);
+            if (keep > 0 && sink && !sink(data, keep, user))
+                state.end(USBD_HOST_STOPPED, "the receiver stopped", transfers);
+            state.moved(keep);
+            if (limit && state.bytes() >= limit)
+                state.end(USBD_HOST_OK, std::string(), transfers);
+        };
+        return pump(transfers, state, fill, take);
+    });
+}
+
+usbd_host_status usbd_host_send(usbd_host *host, usbd_host_source_fn source, usbd_host_sent_fn sent, void *user)
+{
+    return guarded(host, [&] {
+        Transfers transfers(*host, host->opened.function.out);
+        usbd_host_status status;
+        if (!readyToStream(host, transfers, &status))
+            return status;
+        StreamState state(*host);
+        bool atEnd = false;
+
+        auto fill = [&](Slot *slot) {
+            if (atEnd)
                 return false;
-            const int rc = transfers.submit(slot, length);
-            if (rc == LIBUSB_ERROR_NO_MEM && transfers.shrink())
-                continue; // the same slot, smaller
+            // Full transfers only until the end, so that no short packet splits the data early.
+            size_t filled = 0;
+            while (filled < transfers.size()) {
+                const long count = source(slot->buffer.get() + filled, transfers.size() - filled, user);
+                if (count < 0) {
+                    state.end(USBD_HOST_STOPPED, "the sender stopped", transfers);
+                    return false;
+                }
+                if (count == 0) {
+                    atEnd = true;
+                    break;
+                }
+                filled += size_t(count);
+            }
+            if (filled == 0)
+                return false;
+            const int rc = transfers.submit(slot, filled);
             if (rc != LIBUSB_SUCCESS) {
-                state.submitFailed(rc, "read from", transfers);
+                state.submitFailed(rc, "write to", transfers);
                 return false;
             }
             return true;
-        }
-    };
-    auto take = [&](size_t got, const uint8_t *data) {
-        received += got;
-        const uint64_t room = options.limit ? options.limit - state.bytes() : got;
-        const size_t keep = size_t(std::min<uint64_t>(got, room));
-        state.discarded(got - keep);
-        if (keep > 0 && !sink(data, keep))
-            state.end(Status::Stopped, std::string(), transfers);
-        state.moved(keep);
-        if (options.limit && state.bytes() >= options.limit)
-            state.end(Status::Ok, std::string(), transfers);
-    };
-    return pump(transfers, state, fill, take);
+        };
+        auto take = [&](size_t length, const uint8_t *data) {
+            if (sent)
+                sent(data, length, user);
+            state.moved(uint64_t(length));
+        };
+        return pump(transfers, state, fill, take);
+    });
 }
 
-StreamResult Link::send(const StreamOptions &options, const std::function<long(uint8_t *, size_t)> &source,
-                        const std::function<void(const uint8_t *, size_t)> &sent)
+uint64_t usbd_host_stream_bytes(const usbd_host *host)
 {
-    Transfers transfers(context_, handle_, device_.function.out, options);
-    StreamState state(options);
-    if (!transfers.ok())
-        return outOfMemory();
-    bool atEnd = false;
-
-    auto fill = [&](Slot *slot) {
-        if (atEnd)
-            return false;
-        // Full transfers only until the end, so that no short packet splits the data early.
-        size_t filled = 0;
-        while (filled < transfers.size()) {
-            const long count = source(slot->buffer.get() + filled, transfers.size() - filled);
-            if (count < 0) {
-                state.end(Status::Stopped, std::string(), transfers);
-                return false;
-            }
-            if (count == 0) {
-                atEnd = true;
-                break;
-            }
-            filled += size_t(count);
-        }
-        if (filled == 0)
-            return false;
-        const int rc = transfers.submit(slot, filled);
-        if (rc != LIBUSB_SUCCESS) {
-            state.submitFailed(rc, "write to", transfers);
-            return false;
-        }
-        return true;
-    };
-    auto take = [&](size_t length, const uint8_t *data) {
-        if (sent)
-            sent(data, length);
-        state.moved(uint64_t(length));
-    };
-    return pump(transfers, state, fill, take);
+    return host->streamBytes;
 }
 
-} // namespace usbd::host
+double usbd_host_stream_seconds(const usbd_host *host)
+{
+    return host->streamSeconds;
+}
+
+uint64_t usbd_host_stream_discarded(const usbd_host *host)
+{
+    return host->streamDiscarded;
+}
+
+} // extern "C"

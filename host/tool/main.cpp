@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,23 +16,30 @@
 #include <usbd/unique_fd.h>
 
 #include "options.h"
+#include "sha256.h"
 
 using namespace usbdhost;
 using usbd::UniqueFd;
-using usbd::host::DeviceInfo;
-using usbd::host::Link;
-using usbd::host::Sha256;
-using usbd::host::Status;
-using usbd::host::StreamOptions;
-using usbd::host::StreamResult;
 
 namespace {
 
-usbd::host::StopFlag stopRequested{false};
+struct HostDeleter {
+    void operator()(usbd_host *host) const { usbd_host_free(host); }
+};
+using HostPtr = std::unique_ptr<usbd_host, HostDeleter>;
+
+struct ListDeleter {
+    void operator()(usbd_host_list *list) const { usbd_host_list_free(list); }
+};
+using ListPtr = std::unique_ptr<usbd_host_list, ListDeleter>;
+
+// The one session, reachable from the signal handler.
+usbd_host *session = nullptr;
 
 void onStopSignal(int)
 {
-    stopRequested.store(true);
+    if (session)
+        usbd_host_interrupt(session);
 }
 
 // SIGINT and SIGTERM end the transfer in progress cleanly: the loop notices the flag, takes
@@ -73,42 +81,71 @@ std::string shown(const std::string &text)
     return text.empty() ? std::string("(none)") : "\"" + printable(text) + "\"";
 }
 
-void printDevice(const DeviceInfo &device)
+void printDevice(const usbd_host_device *device)
 {
-    const auto &function = device.function;
-    std::printf("%s %04x:%04x %s\n", usbd::host::toString(device.location).c_str(), device.vendorId,
-                device.productId, usbd::host::speedName(device.speed));
-    if (!device.stringsError.empty())
-        std::printf("  strings: %s\n", printable(device.stringsError).c_str());
-    std::printf("  manufacturer: %s\n", shown(device.manufacturer).c_str());
-    std::printf("  product: %s\n", shown(device.product).c_str());
-    std::printf("  serial: %s\n", shown(device.serialNumber).c_str());
-    std::printf("  configuration: %u, MaxPower %u mA\n", unsigned(device.configurationValue), device.maxPowerMilliamps);
-    std::printf("  interface: %u, alternate setting %u, class ff/00/00, name %s\n", unsigned(function.interfaceNumber),
-                unsigned(function.alternateSetting), shown(device.interfaceName).c_str());
+    std::printf("%03u:%03u %04x:%04x %s\n", unsigned(usbd_host_device_bus(device)), unsigned(usbd_host_device_address(device)),
+                usbd_host_device_vendor_id(device), usbd_host_device_product_id(device), usbd_host_device_speed(device));
+    const std::string stringsError = usbd_host_device_strings_error(device);
+    if (!stringsError.empty())
+        std::printf("  strings: %s\n", printable(stringsError).c_str());
+    std::printf("  manufacturer: %s\n", shown(usbd_host_device_string(device, USBD_HOST_MANUFACTURER)).c_str());
+    std::printf("  product: %s\n", shown(usbd_host_device_string(device, USBD_HOST_PRODUCT)).c_str());
+    std::printf("  serial: %s\n", shown(usbd_host_device_string(device, USBD_HOST_SERIAL)).c_str());
+    std::printf("  configuration: %u, MaxPower %u mA\n", unsigned(usbd_host_device_configuration(device)),
+                usbd_host_device_max_power(device));
+    std::printf("  interface: %u, alternate setting %u, class ff/00/00, name %s\n",
+                unsigned(usbd_host_device_interface(device)), unsigned(usbd_host_device_alternate_setting(device)),
+                shown(usbd_host_device_string(device, USBD_HOST_INTERFACE_NAME)).c_str());
     std::string endpoints;
-    for (const auto &endpoint : function.endpoints) {
+    for (unsigned i = 0; i < usbd_host_device_endpoint_count(device); ++i) {
+        const uint8_t address = usbd_host_device_endpoint(device, i);
         char text[32];
-        std::snprintf(text, sizeof(text), "%s%s 0x%02x", endpoints.empty() ? "" : ", ",
-                      (endpoint.address & 0x80) ? "IN" : "OUT", endpoint.address);
+        std::snprintf(text, sizeof(text), "%s%s 0x%02x", endpoints.empty() ? "" : ", ", (address & 0x80) ? "IN" : "OUT",
+                      address);
         endpoints += text;
     }
     std::printf("  endpoints: %s\n", endpoints.c_str());
-    std::printf("  data: IN 0x%02x (max packet %u), OUT 0x%02x (max packet %u)\n", function.in.address,
-                unsigned(function.in.maxPacketSize), function.out.address, unsigned(function.out.maxPacketSize));
+    const uint8_t in = usbd_host_device_in_endpoint(device);
+    const uint8_t out = usbd_host_device_out_endpoint(device);
+    std::printf("  data: IN 0x%02x (max packet %u), OUT 0x%02x (max packet %u)\n", in,
+                usbd_host_device_max_packet(device, in), out, usbd_host_device_max_packet(device, out));
+}
+
+// The library's message, with the option that resolves an ambiguity named.
+int failWith(usbd_host *host, usbd_host_status status)
+{
+    std::string message = usbd_host_error(host);
+    if (status == USBD_HOST_AMBIGUOUS)
+        message += " (--device BUS:ADDR)";
+    return fail(exitCodeFor(status), message);
+}
+
+HostPtr newSession(const Options &options)
+{
+    HostPtr host(usbd_host_new());
+    if (!host)
+        return host;
+    usbd_host_select(host.get(), options.device.bus, options.device.address);
+    usbd_host_set_wait(host.get(), options.wait);
+    usbd_host_set_idle_timeout(host.get(), unsigned(options.timeoutMs));
+    session = host.get();
+    return host;
 }
 
 int runList(const Options &options)
 {
-    std::vector<DeviceInfo> devices;
-    std::string error;
-    const Status status = usbd::host::listDevices({options.device, options.wait, &stopRequested}, &devices, &error);
-    if (status != Status::Ok)
-        return fail(exitCodeFor(status), error);
-    for (size_t i = 0; i < devices.size(); ++i) {
+    const HostPtr host = newSession(options);
+    if (!host)
+        return fail(kExitUsbError, "out of memory");
+    usbd_host_list *raw = nullptr;
+    const usbd_host_status status = usbd_host_list_devices(host.get(), &raw);
+    const ListPtr list(raw);
+    if (status != USBD_HOST_OK)
+        return failWith(host.get(), status);
+    for (size_t i = 0; i < usbd_host_list_count(list.get()); ++i) {
         if (i != 0)
             std::printf("\n");
-        printDevice(devices[i]);
+        printDevice(usbd_host_list_get(list.get(), i));
     }
     return kExitOk;
 }
@@ -158,7 +195,22 @@ private:
     bool shown_ = false;
 };
 
-void printSummary(FILE *out, const char *verb, const StreamResult &result, Sha256 &hash)
+// How a stream ended: its status, what moved, and why it broke off.
+struct StreamEnd {
+    usbd_host_status status = USBD_HOST_OK;
+    uint64_t bytes = 0;
+    double seconds = 0;
+    uint64_t discarded = 0;
+    std::string message;
+};
+
+StreamEnd streamEnd(usbd_host *host, usbd_host_status status)
+{
+    return {status, usbd_host_stream_bytes(host), usbd_host_stream_seconds(host), usbd_host_stream_discarded(host),
+            usbd_host_error(host)};
+}
+
+void printSummary(FILE *out, const char *verb, const StreamEnd &result, Sha256 &hash)
 {
     std::fprintf(out, "%s %llu bytes in %.3f s, %.2f MB/s, sha256 %s\n", verb,
                  static_cast<unsigned long long>(result.bytes), result.seconds,
@@ -182,28 +234,28 @@ bool writeAll(int fd, const uint8_t *data, size_t size, std::string *error)
     return true;
 }
 
-std::unique_ptr<Link> openLink(const Options &options, int *code)
+// A session with the device opened, or null with *code set.
+HostPtr openDevice(const Options &options, Progress *progress, int *code)
 {
-    std::unique_ptr<Link> link;
-    std::string error;
-    const Status status = Link::open({options.device, options.wait, &stopRequested}, &link, &error);
-    if (status != Status::Ok)
-        *code = fail(exitCodeFor(status), error);
-    return link;
-}
-
-StreamOptions streamOptions(const Options &options, Progress *progress)
-{
-    StreamOptions stream;
-    stream.limit = options.bytes;
-    stream.idleTimeoutMs = options.timeoutMs;
-    stream.stop = &stopRequested;
-    stream.progress = [progress](uint64_t bytes, double seconds) { progress->show(bytes, seconds); };
-    return stream;
+    HostPtr host = newSession(options);
+    if (!host) {
+        *code = fail(kExitUsbError, "out of memory");
+        return host;
+    }
+    usbd_host_set_progress(
+        host.get(), [](uint64_t bytes, double seconds, void *user) { static_cast<Progress *>(user)->show(bytes, seconds); },
+        progress);
+    const usbd_host_status status = usbd_host_open(host.get());
+    if (status != USBD_HOST_OK) {
+        *code = failWith(host.get(), status);
+        host.reset();
+        session = nullptr;
+    }
+    return host;
 }
 
 // Says why a transfer ended early, after its summary.
-void reportEnd(const StreamResult &result, int code, const std::string &fileError, const std::string &fileName,
+void reportEnd(const StreamEnd &result, int code, const std::string &fileError, const std::string &fileName,
                uint64_t expected)
 {
     if (result.discarded > 0)
@@ -213,10 +265,10 @@ void reportEnd(const StreamResult &result, int code, const std::string &fileErro
         return;
     std::string why;
     switch (result.status) {
-    case Status::Stopped:
+    case USBD_HOST_STOPPED:
         why = fileName + ": " + fileError;
         break;
-    case Status::Timeout:
+    case USBD_HOST_TIMEOUT:
         why = result.message;
         if (expected != 0)
             why += " (" + std::to_string(result.bytes) + " of " + std::to_string(expected) + " bytes)";
@@ -244,29 +296,36 @@ int runReceive(const Options &options)
     }
 
     int code = kExitOk;
-    const std::unique_ptr<Link> link = openLink(options, &code);
-    if (!link)
+    Progress progress("received");
+    const HostPtr host = openDevice(options, &progress, &code);
+    if (!host)
         return code;
 
-    Sha256 hash;
-    std::string fileError;
-    Progress progress("received");
-    const StreamResult result = link->receive(streamOptions(options, &progress), [&](const uint8_t *data, size_t size) {
-        hash.update(data, size);
-        return fd < 0 || writeAll(fd, data, size, &fileError);
-    });
+    struct Sink {
+        Sha256 hash;
+        int fd;
+        std::string fileError;
+    } sink{Sha256(), fd, std::string()};
+    const usbd_host_status status = usbd_host_receive(
+        host.get(), options.bytes,
+        [](const uint8_t *data, size_t size, void *user) {
+            auto *into = static_cast<Sink *>(user);
+            into->hash.update(data, size);
+            return int(into->fd < 0 || writeAll(into->fd, data, size, &into->fileError));
+        },
+        &sink);
     progress.clear();
 
-    StreamResult final = result;
-    if (file && ::close(file.release()) != 0 && final.status != Status::Stopped) {
+    StreamEnd final = streamEnd(host.get(), status);
+    if (file && ::close(file.release()) != 0 && final.status != USBD_HOST_STOPPED) {
         // Some file systems report a failed write only when the file is closed.
-        fileError = std::strerror(errno);
-        final.status = Status::Stopped;
+        sink.fileError = std::strerror(errno);
+        final.status = USBD_HOST_STOPPED;
     }
-    code = receiveExitCode(final, options.bytes);
-    printSummary(toStdout ? stderr : stdout, "received", final, hash);
+    code = receiveExitCode(final.status, final.bytes, options.bytes);
+    printSummary(toStdout ? stderr : stdout, "received", final, sink.hash);
     const std::string name = toStdout ? std::string("stdout") : options.output;
-    reportEnd(final, code, fileError, name, options.bytes);
+    reportEnd(final, code, sink.fileError, name, options.bytes);
     return code;
 }
 
@@ -281,34 +340,39 @@ int runSend(const Options &options)
         size = uint64_t(info.st_size);
 
     int code = kExitOk;
-    const std::unique_ptr<Link> link = openLink(options, &code);
-    if (!link)
+    Progress progress("sent");
+    // The device ends a send only by taking no more: the idle time-out, never a byte limit.
+    const HostPtr host = openDevice(options, &progress, &code);
+    if (!host)
         return code;
 
-    Sha256 hash;
-    std::string fileError;
-    Progress progress("sent");
-    Options unlimited = options;
-    unlimited.bytes = 0;
-    const StreamResult result = link->send(
-        streamOptions(unlimited, &progress),
-        [&](uint8_t *buffer, size_t room) -> long {
+    struct Source {
+        Sha256 hash;
+        int fd;
+        std::string fileError;
+    } source{Sha256(), file.get(), std::string()};
+    const usbd_host_status status = usbd_host_send(
+        host.get(),
+        [](uint8_t *buffer, size_t room, void *user) -> long {
+            auto *from = static_cast<Source *>(user);
             for (;;) {
-                const ssize_t count = ::read(file.get(), buffer, room);
+                const ssize_t count = ::read(from->fd, buffer, room);
                 if (count >= 0)
                     return long(count);
                 if (errno != EINTR) {
-                    fileError = std::strerror(errno);
+                    from->fileError = std::strerror(errno);
                     return -1;
                 }
             }
         },
-        [&](const uint8_t *data, size_t length) { hash.update(data, length); });
+        [](const uint8_t *data, size_t length, void *user) { static_cast<Source *>(user)->hash.update(data, length); },
+        &source);
     progress.clear();
 
+    const StreamEnd result = streamEnd(host.get(), status);
     code = exitCodeFor(result.status);
-    printSummary(stdout, "sent", result, hash);
-    reportEnd(result, code, fileError, options.file, size);
+    printSummary(stdout, "sent", result, source.hash);
+    reportEnd(result, code, source.fileError, options.file, size);
     return code;
 }
 

@@ -6,8 +6,6 @@ namespace usbdhost {
 
 namespace {
 
-using usbd::host::Status;
-
 const char kMainHelp[] =
     "usage: usbd-host [--device BUS:ADDR] [--wait] COMMAND [OPTIONS]\n"
     "       usbd-host COMMAND --help\n"
@@ -32,7 +30,7 @@ const char kMainHelp[] =
     "  0    done\n"
     "  1    usage error, or several devices carry the function and --device chose none\n"
     "  2    no device carries the function (or none at --device)\n"
-    "  3    permission denied: install the udev rule 70-usbd-host.rules\n"
+    "  3    permission denied: the message says which udev rule gives access\n"
     "  4    the device left the bus in the middle\n"
     "  5    time-out: nothing moved for --timeout ms\n"
     "  6    another USB error (interface in use by another program, stall, ...)\n"
@@ -199,8 +197,7 @@ std::string applyGlobal(const Occurrence &occurrence, Options *options)
 {
     const std::string name = occurrence.kind->longName;
     if (name == "device") {
-        options->device = usbd::host::parseBusAddress(occurrence.value);
-        if (!options->device)
+        if (usbd_host_parse_address(occurrence.value.c_str(), &options->device.bus, &options->device.address) != 0)
             return "--device wants BUS:ADDR in decimal (bus 1-255, address 1-127), not \"" + occurrence.value + "\"";
     } else if (name == "wait") {
         options->wait = true;
@@ -354,37 +351,37 @@ Parsed parseCommandLine(const std::vector<std::string> &args)
     return parsed;
 }
 
-int exitCodeFor(Status status)
+int exitCodeFor(usbd_host_status status)
 {
     switch (status) {
-    case Status::Ok:
+    case USBD_HOST_OK:
         return kExitOk;
-    case Status::NotFound:
+    case USBD_HOST_NOT_FOUND:
         return kExitNoDevice;
-    case Status::Ambiguous:
+    case USBD_HOST_AMBIGUOUS:
         return kExitUsage;
-    case Status::AccessDenied:
+    case USBD_HOST_ACCESS_DENIED:
         return kExitPermission;
-    case Status::Gone:
+    case USBD_HOST_GONE:
         return kExitGone;
-    case Status::Timeout:
+    case USBD_HOST_TIMEOUT:
         return kExitTimeout;
-    case Status::Interrupted:
+    case USBD_HOST_INTERRUPTED:
         return kExitInterrupted;
-    case Status::Stopped:
+    case USBD_HOST_STOPPED:
         return kExitFile; // the data callbacks stop only when the local file fails
-    case Status::Busy:
-    case Status::Failed:
+    case USBD_HOST_BUSY:
+    case USBD_HOST_FAILED:
         return kExitUsbError;
     }
     return kExitUsbError;
 }
 
-int receiveExitCode(const usbd::host::StreamResult &result, uint64_t limit)
+int receiveExitCode(usbd_host_status status, uint64_t bytes, uint64_t limit)
 {
-    if (result.status == Status::Timeout && limit == 0 && result.bytes > 0)
+    if (status == USBD_HOST_TIMEOUT && limit == 0 && bytes > 0)
         return kExitOk;
-    return exitCodeFor(result.status);
+    return exitCodeFor(status);
 }
 
 } // namespace usbdhost

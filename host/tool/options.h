@@ -29,9 +29,15 @@ constexpr int kDefaultTimeoutMs = 10000;
 
 enum class Command { List, Receive, Send };
 
+// A device as lsusb names it; bus 0 for "the one that carries the function".
+struct DeviceAddress {
+    uint8_t bus = 0;
+    uint8_t address = 0;
+};
+
 struct Options {
     Command command = Command::List;
-    std::optional<usbd::host::BusAddress> device;
+    DeviceAddress device;
     bool wait = false;
     std::string output;    // receive: the file, "-" for stdout, empty to discard
     uint64_t bytes = 0;    // receive: stop after this many; 0 for no limit
@@ -52,8 +58,8 @@ Parsed parseCommandLine(const std::vector<std::string> &args);
 std::optional<uint64_t> parseByteCount(const std::string &text);
 
 // The exit status for a failure to find or open the device, or for a transfer's end.
-int exitCodeFor(usbd::host::Status status);
+int exitCodeFor(usbd_host_status status);
 // receive ends normally after the limit, or, without one, when the data stops after some came.
-int receiveExitCode(const usbd::host::StreamResult &result, uint64_t limit);
+int receiveExitCode(usbd_host_status status, uint64_t bytes, uint64_t limit);
 
 } // namespace usbdhost

@@ -7,7 +7,7 @@
 #include <deque>
 #include <vector>
 
-#include <usbd/host.h>
+#include "function.h"
 
 namespace {
 
@@ -217,6 +217,22 @@ TEST(ReceiveLength, NeverAsksPastTheLimitByMoreThanThePacketItEndsIn)
     EXPECT_EQ(nextReceiveLength(1000, 1024, chunk, 512), 0u);
     EXPECT_EQ(nextReceiveLength(1, 0, chunk, 1024), 1024u);
     EXPECT_EQ(nextReceiveLength(1000, 0, chunk, 0), 1000u); // no packet size: no rounding, no division
+}
+
+TEST(PermissionMessage, NamesTheInstalledRuleAndGivesTheLineForOtherIds)
+{
+    using usbd::host::permissionMessage;
+    const std::string standard = permissionMessage({1, 9}, 0x1d6b, 0x0105);
+    EXPECT_NE(standard.find("/dev/bus/usb/001/009"), std::string::npos) << standard;
+    EXPECT_NE(standard.find("/lib/udev/rules.d/70-usbd-host.rules"), std::string::npos) << standard;
+    EXPECT_NE(standard.find("plugdev"), std::string::npos) << standard;
+
+    // The installed rule cannot match a device set up with other ids: the message carries the
+    // line that does, with those ids, and where it goes.
+    const std::string custom = permissionMessage({2, 3}, 0x1234, 0xabcd);
+    EXPECT_NE(custom.find("ATTR{idVendor}==\"1234\", ATTR{idProduct}==\"abcd\""), std::string::npos) << custom;
+    EXPECT_NE(custom.find("/etc/udev/rules.d/"), std::string::npos) << custom;
+    EXPECT_NE(custom.find("udevadm control --reload"), std::string::npos) << custom;
 }
 
 } // namespace

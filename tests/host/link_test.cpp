@@ -1,21 +1,18 @@
-// The host library against scripted devices (fake_libusb): bytes arrive whole and in order
-// whatever the packets and transfers, every way a stream ends keeps what already arrived, and
-// finding the device says clearly why it failed.
+// The host library, through its C interface, against scripted devices (fake_libusb): bytes
+// arrive whole and in order whatever the packets and transfers, every way a stream ends keeps
+// what already arrived, finding the device says clearly why it failed, and a session follows
+// the device through a reset.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <numeric>
+#include <algorithm>
+#include <string>
+#include <vector>
 
 #include "fake_libusb.h"
 #include <usbd/host.h>
 
 namespace {
 
-using usbd::host::FindOptions;
-using usbd::host::Link;
-using usbd::host::Status;
-using usbd::host::StreamOptions;
-using usbd::host::StreamResult;
 
 std::vector<uint8_t> pattern(size_t size, uint8_t seed)
 {
@@ -29,7 +26,7 @@ class LinkTest : public ::testing::Test {
 protected:
     void TearDown() override
     {
-        link_.reset();
+        usbd_host_free(host_);
         fakeusb::reset();
         EXPECT_EQ(fakeusb::openContexts(), 0);
     }
@@ -43,23 +40,24 @@ protected:
         return device;
     }
 
-    Link &open(FindOptions options = {})
+    usbd_host_status open() { return usbd_host_open(host_); }
+
+    std::string error() const { return usbd_host_error(host_); }
+
+    usbd_host_status receive(uint64_t limit, std::vector<uint8_t> *into)
     {
-        std::string error;
-        EXPECT_EQ(Link::open(options, &link_, &error), Status::Ok) << error;
-        return *link_;
+        return usbd_host_receive(
+            host_, limit,
+            [](const uint8_t *data, size_t size, void *user) {
+                auto *bytes = static_cast<std::vector<uint8_t> *>(user);
+                bytes->insert(bytes->end(), data, data + size);
+                return 1;
+            },
+            into);
     }
 
-    StreamResult receive(StreamOptions options, std::vector<uint8_t> *into)
-    {
-        return link_->receive(options, [into](const uint8_t *data, size_t size) {
-            into->insert(into->end(), data, data + size);
-            return true;
-        });
-    }
-
-    std::vector<std::shared_ptr<libusb_device>> plugged_; // outlive the link, also once unplugged
-    std::unique_ptr<Link> link_;
+    std::vector<std::shared_ptr<libusb_device>> plugged_; // outlive the session, also once unplugged
+    usbd_host *host_ = usbd_host_new();
 };
 
 TEST_F(LinkTest, ReceivesEveryWriteWholeAndInOrder)
@@ -74,67 +72,65 @@ TEST_F(LinkTest, ReceivesEveryWriteWholeAndInOrder)
     }
     device->write(pattern(4096, 5));
 
-    open();
+    ASSERT_EQ(open(), USBD_HOST_OK) << error();
     EXPECT_TRUE(device->claimed);
-    StreamOptions options;
-    options.limit = expected.size() - 40;
+    const uint64_t limit = expected.size() - 40;
     std::vector<uint8_t> got;
-    const StreamResult result = receive(options, &got);
-    EXPECT_EQ(result.status, Status::Ok) << result.message;
-    EXPECT_EQ(result.bytes, options.limit);
-    EXPECT_EQ(result.discarded, 40u);
-    expected.resize(options.limit);
+    EXPECT_EQ(receive(limit, &got), USBD_HOST_OK) << error();
+    EXPECT_EQ(usbd_host_stream_bytes(host_), limit);
+    EXPECT_EQ(usbd_host_stream_discarded(host_), 40u);
+    expected.resize(limit);
     EXPECT_TRUE(got == expected);
     EXPECT_EQ(device->packets.size(), 8u); // the next write, untouched
     EXPECT_EQ(device->largestSubmit, 1024u * 1024u);
 
-    link_.reset();
+    usbd_host_close(host_);
     EXPECT_FALSE(device->claimed);
+    EXPECT_EQ(usbd_host_opened(host_), nullptr);
 }
 
 TEST_F(LinkTest, EndsKeepWhatArrived)
 {
     auto device = plug();
-    open();
+    ASSERT_EQ(open(), USBD_HOST_OK) << error();
 
     // Idle: whole packets with no short one leave a transfer half full; the time-out takes it
     // back with its bytes.
     device->write(pattern(8192, 1));
-    StreamOptions options;
-    options.idleTimeoutMs = 50;
+    usbd_host_set_idle_timeout(host_, 50);
     std::vector<uint8_t> got;
-    StreamResult result = receive(options, &got);
-    EXPECT_EQ(result.status, Status::Timeout);
-    EXPECT_EQ(result.bytes, 8192u);
+    EXPECT_EQ(receive(0, &got), USBD_HOST_TIMEOUT);
+    EXPECT_EQ(usbd_host_stream_bytes(host_), 8192u);
     EXPECT_TRUE(got == pattern(8192, 1));
 
-    // The caller's stop flag, raised once data flows.
-    std::atomic<bool> stop{false};
+    // Interrupted once data flows, as a signal handler would: the call in progress ends, and
+    // the interruption is used up by it.
     device->write(pattern(3000, 2));
-    options.stop = &stop;
-    options.idleTimeoutMs = 0;
-    options.progress = [&](uint64_t bytes, double) {
-        if (bytes > 0)
-            stop = true;
-    };
+    usbd_host_set_idle_timeout(host_, 0);
+    usbd_host_set_progress(
+        host_,
+        [](uint64_t bytes, double, void *user) {
+            if (bytes > 0)
+                usbd_host_interrupt(static_cast<usbd_host *>(user));
+        },
+        host_);
     got.clear();
-    result = receive(options, &got);
-    EXPECT_EQ(result.status, Status::Interrupted);
+    EXPECT_EQ(receive(0, &got), USBD_HOST_INTERRUPTED);
     EXPECT_TRUE(got == pattern(3000, 2));
+    usbd_host_set_progress(host_, nullptr, nullptr);
 
     // The sink refusing (a full disk) stops at once.
     device->write(pattern(3000, 3));
-    options = StreamOptions{};
-    result = link_->receive(options, [](const uint8_t *, size_t) { return false; });
-    EXPECT_EQ(result.status, Status::Stopped);
+    usbd_host_set_idle_timeout(host_, 10000);
+    EXPECT_EQ(usbd_host_receive(host_, 0, [](const uint8_t *, size_t, void *) { return 0; }, nullptr),
+              USBD_HOST_STOPPED);
 
     // The device leaving in the middle: everything before it, and the reason.
     device->write(pattern(5 * 1024 * 1024, 4));
     device->goneAfter = device->delivered + 2 * 1024 * 1024 + 512;
     got.clear();
-    result = receive(StreamOptions{}, &got);
-    EXPECT_EQ(result.status, Status::Gone);
-    EXPECT_EQ(result.bytes, 2u * 1024 * 1024 + 512);
+    EXPECT_EQ(receive(0, &got), USBD_HOST_GONE);
+    EXPECT_EQ(usbd_host_stream_bytes(host_), 2u * 1024 * 1024 + 512);
     EXPECT_TRUE(std::equal(got.begin(), got.end(), pattern(5 * 1024 * 1024, 4).begin()));
 }
 
@@ -144,14 +140,32 @@ TEST_F(LinkTest, SmallerTransfersWhenTheKernelLacksMemory)
     device->submitLimit = 256 * 1024;
     const auto data = pattern(3 * 1024 * 1024 + 5, 9);
     device->write(data);
-    open();
-    StreamOptions options;
-    options.limit = data.size();
+    ASSERT_EQ(open(), USBD_HOST_OK) << error();
     std::vector<uint8_t> got;
-    const StreamResult result = receive(options, &got);
-    EXPECT_EQ(result.status, Status::Ok) << result.message;
+    EXPECT_EQ(receive(data.size(), &got), USBD_HOST_OK) << error();
     EXPECT_TRUE(got == data);
     EXPECT_EQ(device->largestSubmit, 256u * 1024);
+}
+
+struct Source {
+    const std::vector<uint8_t> *data;
+    size_t offset = 0;
+    uint64_t confirmed = 0;
+};
+
+long feed(uint8_t *buffer, size_t room, void *user)
+{
+    auto *source = static_cast<Source *>(user);
+    // Odd-sized pieces; transfers must still go out whole but for the last.
+    const size_t count = std::min({room, source->data->size() - source->offset, size_t(100000)});
+    std::copy_n(source->data->begin() + long(source->offset), count, buffer);
+    source->offset += count;
+    return long(count);
+}
+
+void confirm(const uint8_t *, size_t size, void *user)
+{
+    static_cast<Source *>(user)->confirmed += size;
 }
 
 TEST_F(LinkTest, SendsWhatTheDeviceTakesAndSaysWhenItStops)
@@ -159,47 +173,34 @@ TEST_F(LinkTest, SendsWhatTheDeviceTakesAndSaysWhenItStops)
     auto device = plug();
     const auto data = pattern(3 * 1024 * 1024 + 5, 6);
     device->outCapacity = data.size();
-    open();
+    ASSERT_EQ(open(), USBD_HOST_OK) << error();
 
-    // The source hands out odd-sized pieces; transfers go out whole but for the last.
-    size_t offset = 0;
-    auto source = [&](uint8_t *buffer, size_t room) -> long {
-        const size_t count = std::min({room, data.size() - offset, size_t(100000)});
-        std::copy_n(data.begin() + long(offset), count, buffer);
-        offset += count;
-        return long(count);
-    };
-    uint64_t confirmed = 0;
-    auto sent = [&](const uint8_t *, size_t size) { confirmed += size; };
-    StreamResult result = link_->send(StreamOptions{}, source, sent);
-    EXPECT_EQ(result.status, Status::Ok) << result.message;
-    EXPECT_EQ(result.bytes, data.size());
-    EXPECT_EQ(confirmed, data.size());
+    Source source{&data};
+    EXPECT_EQ(usbd_host_send(host_, feed, confirm, &source), USBD_HOST_OK) << error();
+    EXPECT_EQ(usbd_host_stream_bytes(host_), data.size());
+    EXPECT_EQ(source.confirmed, data.size());
     EXPECT_TRUE(device->outData == data);
 
     // A device whose receive asked for less: the rest times out, and what it took is counted.
     device->outData.clear();
     device->outCapacity = 1024 * 1024 + 100;
-    offset = 0;
-    confirmed = 0;
-    StreamOptions options;
-    options.idleTimeoutMs = 50;
-    result = link_->send(options, source, sent);
-    EXPECT_EQ(result.status, Status::Timeout);
-    EXPECT_EQ(result.bytes, 1024u * 1024 + 100);
-    EXPECT_EQ(confirmed, result.bytes);
+    source = Source{&data};
+    usbd_host_set_idle_timeout(host_, 50);
+    EXPECT_EQ(usbd_host_send(host_, feed, confirm, &source), USBD_HOST_TIMEOUT);
+    EXPECT_EQ(usbd_host_stream_bytes(host_), 1024u * 1024 + 100);
+    EXPECT_EQ(source.confirmed, usbd_host_stream_bytes(host_));
 
     // A source that fails.
-    result = link_->send(StreamOptions{}, [](uint8_t *, size_t) -> long { return -1; }, nullptr);
-    EXPECT_EQ(result.status, Status::Stopped);
+    EXPECT_EQ(usbd_host_send(host_, [](uint8_t *, size_t, void *) -> long { return -1; }, nullptr, nullptr),
+              USBD_HOST_STOPPED);
 }
 
 TEST_F(LinkTest, FindingSaysWhyNot)
 {
-    std::string error;
-    std::vector<usbd::host::DeviceInfo> devices;
-    EXPECT_EQ(usbd::host::listDevices({}, &devices, &error), Status::NotFound);
-    EXPECT_NE(error.find("ff/00/00"), std::string::npos) << error;
+    usbd_host_list *list = nullptr;
+    EXPECT_EQ(usbd_host_list_devices(host_, &list), USBD_HOST_NOT_FOUND);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_NE(error().find("ff/00/00"), std::string::npos) << error();
 
     auto storage = plug(3);
     storage->function = false;
@@ -208,49 +209,72 @@ TEST_F(LinkTest, FindingSaysWhyNot)
     second->openError = LIBUSB_ERROR_ACCESS;
 
     // Listing shows both functions, the refused one without strings but with the rule to install.
-    ASSERT_EQ(usbd::host::listDevices({}, &devices, &error), Status::Ok);
-    ASSERT_EQ(devices.size(), 2u);
-    EXPECT_EQ(devices[0].product, "Media Device");
-    EXPECT_EQ(devices[0].interfaceName, "CTRL Interface");
-    EXPECT_EQ(devices[0].function.in.address, 0x81);
-    EXPECT_EQ(devices[0].function.out.address, 0x02);
-    EXPECT_EQ(devices[0].maxPowerMilliamps, 500u);
-    EXPECT_TRUE(devices[1].product.empty());
-    EXPECT_NE(devices[1].stringsError.find("70-usbd-host.rules"), std::string::npos);
+    ASSERT_EQ(usbd_host_list_devices(host_, &list), USBD_HOST_OK);
+    ASSERT_EQ(usbd_host_list_count(list), 2u);
+    const usbd_host_device *listed = usbd_host_list_get(list, 0);
+    EXPECT_STREQ(usbd_host_device_string(listed, USBD_HOST_PRODUCT), "Media Device");
+    EXPECT_STREQ(usbd_host_device_string(listed, USBD_HOST_INTERFACE_NAME), "CTRL Interface");
+    EXPECT_EQ(usbd_host_device_in_endpoint(listed), 0x81);
+    EXPECT_EQ(usbd_host_device_out_endpoint(listed), 0x02);
+    EXPECT_EQ(usbd_host_device_max_packet(listed, 0x81), 512u);
+    EXPECT_EQ(usbd_host_device_max_power(listed), 500u);
+    const usbd_host_device *refused = usbd_host_list_get(list, 1);
+    EXPECT_STREQ(usbd_host_device_string(refused, USBD_HOST_PRODUCT), "");
+    EXPECT_NE(std::string(usbd_host_device_strings_error(refused)).find("70-usbd-host.rules"), std::string::npos);
+    EXPECT_EQ(usbd_host_list_get(list, 2), nullptr);
+    usbd_host_list_free(list);
 
-    std::unique_ptr<Link> link;
-    EXPECT_EQ(Link::open({}, &link, &error), Status::Ambiguous);
-    EXPECT_NE(error.find("001:005 001:009"), std::string::npos) << error;
-    EXPECT_EQ(Link::open({usbd::host::BusAddress{1, 9}}, &link, &error), Status::AccessDenied);
-    EXPECT_NE(error.find("/dev/bus/usb/001/009"), std::string::npos) << error;
-    EXPECT_EQ(Link::open({usbd::host::BusAddress{1, 3}}, &link, &error), Status::NotFound);
-    EXPECT_NE(error.find("does not carry"), std::string::npos) << error;
-    EXPECT_EQ(Link::open({usbd::host::BusAddress{1, 4}}, &link, &error), Status::NotFound);
-    EXPECT_NE(error.find("no device at 001:004"), std::string::npos) << error;
+    EXPECT_EQ(open(), USBD_HOST_AMBIGUOUS);
+    EXPECT_NE(error().find("001:005 001:009"), std::string::npos) << error();
+    usbd_host_select(host_, 1, 9);
+    EXPECT_EQ(open(), USBD_HOST_ACCESS_DENIED);
+    EXPECT_NE(error().find("/dev/bus/usb/001/009"), std::string::npos) << error();
+    usbd_host_select(host_, 1, 3);
+    EXPECT_EQ(open(), USBD_HOST_NOT_FOUND);
+    EXPECT_NE(error().find("does not carry"), std::string::npos) << error();
+    usbd_host_select(host_, 1, 4);
+    EXPECT_EQ(open(), USBD_HOST_NOT_FOUND);
+    EXPECT_NE(error().find("no device at 001:004"), std::string::npos) << error();
     first->claimError = LIBUSB_ERROR_BUSY;
-    EXPECT_EQ(Link::open({usbd::host::BusAddress{1, 5}}, &link, &error), Status::Busy);
-    EXPECT_NE(error.find("in use by another program"), std::string::npos) << error;
-    EXPECT_FALSE(link);
+    usbd_host_select(host_, 1, 5);
+    EXPECT_EQ(open(), USBD_HOST_BUSY);
+    EXPECT_NE(error().find("in use by another program"), std::string::npos) << error();
+    EXPECT_EQ(usbd_host_opened(host_), nullptr);
+    EXPECT_EQ(usbd_host_receive(host_, 0, nullptr, nullptr), USBD_HOST_FAILED);
 }
 
-TEST_F(LinkTest, WaitsForTheFunctionToAppear)
+TEST_F(LinkTest, FollowsTheDeviceThroughAReset)
 {
     // Each poll must look at the bus afresh: the device shows up on the third look only.
     auto device = plug();
     device->scansUntilPresent = 2;
-    FindOptions options;
-    options.wait = true;
-    open(options);
+    usbd_host_set_wait(host_, 1);
+    ASSERT_EQ(open(), USBD_HOST_OK) << error();
     EXPECT_EQ(fakeusb::scans(), 3);
     EXPECT_TRUE(device->claimed);
 
-    // Given up on by the caller.
-    link_.reset();
-    fakeusb::reset();
-    std::atomic<bool> stop{true};
-    options.stop = &stop;
-    std::string error;
-    EXPECT_EQ(Link::open(options, &link_, &error), Status::Interrupted);
+    // The device resets: it leaves in the middle of a write and comes back at another address.
+    // Opening again finds the new one and reads on, the old one released.
+    device->write(pattern(4096, 1));
+    device->goneAfter = 1024;
+    std::vector<uint8_t> got;
+    EXPECT_EQ(receive(0, &got), USBD_HOST_GONE);
+    EXPECT_EQ(got.size(), 1024u);
+    fakeusb::bus().clear();
+    auto again = plug(6);
+    again->write(pattern(2000, 2));
+    ASSERT_EQ(open(), USBD_HOST_OK) << error();
+    EXPECT_FALSE(device->claimed);
+    EXPECT_EQ(usbd_host_device_address(usbd_host_opened(host_)), 6);
+    got.clear();
+    EXPECT_EQ(receive(2000, &got), USBD_HOST_OK) << error();
+    EXPECT_TRUE(got == pattern(2000, 2));
+
+    // An interruption raised while no call runs ends the next wait at once.
+    usbd_host_close(host_);
+    fakeusb::bus().clear();
+    usbd_host_interrupt(host_);
+    EXPECT_EQ(open(), USBD_HOST_INTERRUPTED);
 }
 
 } // namespace

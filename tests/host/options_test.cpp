@@ -11,8 +11,6 @@
 namespace {
 
 using namespace usbdhost;
-using usbd::host::Status;
-using usbd::host::StreamResult;
 
 TEST(CommandLine, BadInputIsAUsageErrorThatSaysWhat)
 {
@@ -56,31 +54,25 @@ TEST(CommandLine, BadInputIsAUsageErrorThatSaysWhat)
 
 TEST(ExitCodes, EachWayToEndHasItsStatus)
 {
-    EXPECT_EQ(exitCodeFor(Status::Ok), kExitOk);
-    EXPECT_EQ(exitCodeFor(Status::NotFound), kExitNoDevice);
-    EXPECT_EQ(exitCodeFor(Status::Ambiguous), kExitUsage);
-    EXPECT_EQ(exitCodeFor(Status::AccessDenied), kExitPermission);
-    EXPECT_EQ(exitCodeFor(Status::Gone), kExitGone);
-    EXPECT_EQ(exitCodeFor(Status::Timeout), kExitTimeout);
-    EXPECT_EQ(exitCodeFor(Status::Busy), kExitUsbError);
-    EXPECT_EQ(exitCodeFor(Status::Failed), kExitUsbError);
-    EXPECT_EQ(exitCodeFor(Status::Stopped), kExitFile);
-    EXPECT_EQ(exitCodeFor(Status::Interrupted), kExitInterrupted);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_OK), kExitOk);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_NOT_FOUND), kExitNoDevice);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_AMBIGUOUS), kExitUsage);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_ACCESS_DENIED), kExitPermission);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_GONE), kExitGone);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_TIMEOUT), kExitTimeout);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_BUSY), kExitUsbError);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_FAILED), kExitUsbError);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_STOPPED), kExitFile);
+    EXPECT_EQ(exitCodeFor(USBD_HOST_INTERRUPTED), kExitInterrupted);
 
-    auto result = [](Status status, uint64_t bytes) {
-        StreamResult r;
-        r.status = status;
-        r.bytes = bytes;
-        return r;
-    };
     // Without -n the data stopping is the normal end, once something came.
-    EXPECT_EQ(receiveExitCode(result(Status::Timeout, 10), 0), kExitOk);
-    EXPECT_EQ(receiveExitCode(result(Status::Timeout, 0), 0), kExitTimeout);
+    EXPECT_EQ(receiveExitCode(USBD_HOST_TIMEOUT, 10, 0), kExitOk);
+    EXPECT_EQ(receiveExitCode(USBD_HOST_TIMEOUT, 0, 0), kExitTimeout);
     // With -n only the limit is success.
-    EXPECT_EQ(receiveExitCode(result(Status::Ok, 100), 100), kExitOk);
-    EXPECT_EQ(receiveExitCode(result(Status::Timeout, 99), 100), kExitTimeout);
-    EXPECT_EQ(receiveExitCode(result(Status::Gone, 10), 0), kExitGone);
-    EXPECT_EQ(receiveExitCode(result(Status::Interrupted, 10), 0), kExitInterrupted);
+    EXPECT_EQ(receiveExitCode(USBD_HOST_OK, 100, 100), kExitOk);
+    EXPECT_EQ(receiveExitCode(USBD_HOST_TIMEOUT, 99, 100), kExitTimeout);
+    EXPECT_EQ(receiveExitCode(USBD_HOST_GONE, 10, 0), kExitGone);
+    EXPECT_EQ(receiveExitCode(USBD_HOST_INTERRUPTED, 10, 0), kExitInterrupted);
 }
 
 } // namespace

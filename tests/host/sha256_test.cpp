@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include <usbd/host.h>
+#include "sha256.h"
 
 namespace {
 
-using usbd::host::Sha256;
+using usbdhost::Sha256;
 
 std::string digestOf(const std::string &data)
 {

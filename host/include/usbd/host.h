@@ -1,204 +1,204 @@
-#pragma once
+/* libusbd-host: the host end of the usbd USB link.
+ *
+ * Finds the device's vendor function on the bus, opens it, reads what the device sends from its
+ * bulk IN endpoint and writes to its bulk OUT endpoint, where the device's open_file receives.
+ *
+ * The function is recognised by its shape alone: one interface of class 0xFF, subclass 0,
+ * protocol 0 with four bulk endpoints, two OUT and two IN, whatever the device's vendor and
+ * product ids. Endpoint addresses are never assumed (host controllers renumber them): the first
+ * bulk IN endpoint in descriptor order is where the device sends, the first bulk OUT endpoint is
+ * where it receives.
+ *
+ * ABI: a C interface over opaque objects, so that programs built against libusbd-host.so.0 keep
+ * working with every later libusbd-host.so.0. No structure is shared with the caller and no
+ * signature changes within a soname; later additions are new functions. Every exported symbol is
+ * listed in the Debian package's symbols file, which the package build checks.
+ *
+ * Threads: a usbd_host is used by one thread at a time; usbd_host_interrupt() alone may be
+ * called from any thread or from a signal handler. Separate usbd_host objects are independent.
+ *
+ * A program that reads for as long as it runs and follows the device through resets and
+ * re-plugs:
+ *
+ *     usbd_host *host = usbd_host_new();
+ *     usbd_host_set_wait(host, 1);            // open waits until the function is there
+ *     usbd_host_set_idle_timeout(host, 0);    // a quiet device is not an error
+ *     for (;;) {
+ *         if (usbd_host_open(host) != USBD_HOST_OK)
+ *             break;                          // interrupted, or no access: usbd_host_error()
+ *         if (usbd_host_receive(host, 0, sink, state) != USBD_HOST_GONE)
+ *             break;                          // anything but the device leaving ends it
+ *     }
+ *     usbd_host_free(host);
+ */
+#ifndef USBD_HOST_H
+#define USBD_HOST_H
 
-// libusbd-host: the host side of the usbd link. Finds the device's vendor function on the bus,
-// opens it, and streams data from its bulk IN endpoint and to its bulk OUT endpoint.
-//
-// The function is recognised by its shape alone: one interface of class 0xFF, subclass 0,
-// protocol 0 with four bulk endpoints, two OUT and two IN. Its endpoint addresses are never
-// assumed: host controllers may renumber them, so the first bulk IN endpoint in descriptor order
-// is where the device sends and the first bulk OUT endpoint is where it receives.
+#include <stddef.h>
+#include <stdint.h>
 
-#include <array>
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
+#ifdef __cplusplus
+extern "C" {
+#endif
 
-struct libusb_config_descriptor;
-struct libusb_context;
-struct libusb_device_handle;
+#if defined(__GNUC__)
+#define USBD_HOST_API __attribute__((visibility("default")))
+#else
+#define USBD_HOST_API
+#endif
 
-namespace usbd::host {
+/* The version of the library this header belongs to. */
+#define USBD_HOST_VERSION_MAJOR 0
+#define USBD_HOST_VERSION_MINOR 1
+/* The version of the library actually loaded, "MAJOR.MINOR.PATCH". */
+USBD_HOST_API const char *usbd_host_version(void);
 
-constexpr uint8_t kFunctionClass = 0xFF;
-constexpr uint8_t kFunctionSubClass = 0;
-constexpr uint8_t kFunctionProtocol = 0;
-constexpr uint8_t kFunctionEndpointCount = 4;
+typedef enum usbd_host_status {
+    USBD_HOST_OK = 0,
+    USBD_HOST_NOT_FOUND = 1,     /* no device carries the function (or none at the chosen address) */
+    USBD_HOST_AMBIGUOUS = 2,     /* several do, and none was chosen */
+    USBD_HOST_ACCESS_DENIED = 3, /* the device node is not open to this user */
+    USBD_HOST_BUSY = 4,          /* another program has claimed the interface */
+    USBD_HOST_GONE = 5,          /* the device left the bus: unplugged, reset or re-enumerated */
+    USBD_HOST_TIMEOUT = 6,       /* nothing moved for the idle time-out */
+    USBD_HOST_INTERRUPTED = 7,   /* usbd_host_interrupt() was called */
+    USBD_HOST_STOPPED = 8,       /* the caller's callback asked to stop */
+    USBD_HOST_FAILED = 9         /* anything else; usbd_host_error() says what */
+} usbd_host_status;
 
-// The ids the device's gadget set-up uses unless told otherwise. Finding the function does not
-// depend on them; only the udev rule does.
-constexpr uint16_t kDefaultVendorId = 0x1d6b;
-constexpr uint16_t kDefaultProductId = 0x0105;
-constexpr const char kUdevRule[] = "70-usbd-host.rules";
+/* A short English name of a status ("not found", "gone", ...). */
+USBD_HOST_API const char *usbd_host_status_name(usbd_host_status status);
 
-// ---- Finding the function in descriptors
+/* ---- Options and the session ------------------------------------------------------------- */
 
-struct Endpoint {
-    uint8_t address = 0;
-    uint16_t maxPacketSize = 0;
-};
+typedef struct usbd_host usbd_host;
 
-struct FunctionInterface {
-    uint8_t interfaceNumber = 0;
-    uint8_t alternateSetting = 0;
-    uint8_t stringIndex = 0;         // iInterface; 0 when the device names no string
-    std::vector<Endpoint> endpoints; // all four, in descriptor order
-    Endpoint in;                     // the first bulk IN: what the device sends arrives here
-    Endpoint out;                    // the first bulk OUT: what the device's receive reads
-};
+/* A session with default options and no device open; NULL only when memory ran out. */
+USBD_HOST_API usbd_host *usbd_host_new(void);
+/* Closes the device, if one is open, and frees the session. NULL is ignored. */
+USBD_HOST_API void usbd_host_free(usbd_host *host);
 
-// The first interface setting of the configuration that has the function's shape, walking
-// interfaces and their alternate settings in descriptor order.
-std::optional<FunctionInterface> findFunction(const libusb_config_descriptor &config);
+/* Only the device at this bus number and address (as lsusb prints them); 0, 0 (the default)
+ * for the one device that carries the function. */
+USBD_HOST_API void usbd_host_select(usbd_host *host, uint8_t bus, uint8_t address);
+/* Parses "BUS:ADDR" in decimal ("1:5", "001:005"; bus 1-255, address 1-127). 0 on success. */
+USBD_HOST_API int usbd_host_parse_address(const char *text, uint8_t *bus, uint8_t *address);
 
-// ---- Naming a device on the bus
+/* Non-zero: listing and opening wait until the function appears instead of failing with
+ * USBD_HOST_NOT_FOUND. Default 0. */
+USBD_HOST_API void usbd_host_set_wait(usbd_host *host, int wait);
+/* A stream ends with USBD_HOST_TIMEOUT once nothing moved for this long; 0 waits for ever.
+ * Default 10000 ms. */
+USBD_HOST_API void usbd_host_set_idle_timeout(usbd_host *host, unsigned milliseconds);
+/* Bytes per bulk transfer (rounded down to whole packets, 16 KiB to 64 MiB) and how many
+ * transfers are in flight at once (1 to 16). Default 1 MiB and 4. A transfer the kernel cannot
+ * find memory for is retried at half the size, down to 16 KiB. */
+USBD_HOST_API void usbd_host_set_transfers(usbd_host *host, size_t size, unsigned in_flight);
 
-struct BusAddress {
-    uint8_t bus = 0;
-    uint8_t address = 0;
-    bool operator==(const BusAddress &other) const { return bus == other.bus && address == other.address; }
-    bool operator!=(const BusAddress &other) const { return !(*this == other); }
-};
+typedef void (*usbd_host_progress_fn)(uint64_t bytes, double seconds, void *user);
+/* Called about ten times a second while a stream runs, with the bytes moved and the seconds
+ * since it started. NULL (the default) for none. */
+USBD_HOST_API void usbd_host_set_progress(usbd_host *host, usbd_host_progress_fn progress, void *user);
 
-// "BUS:ADDR" in decimal, as lsusb prints them ("1:5" or "001:005"). Bus 1 to 255, address 1
-// to 127; anything else is refused.
-std::optional<BusAddress> parseBusAddress(std::string_view text);
-// "001:005", the form lsusb and /dev/bus/usb use.
-std::string toString(BusAddress location);
+/* Makes the call in progress (or, if none is, the next call that waits or streams) end with
+ * USBD_HOST_INTERRUPTED, keeping what already arrived. Async-signal-safe. */
+USBD_HOST_API void usbd_host_interrupt(usbd_host *host);
 
-// The link speed as Linux names it ("high-speed", "super-speed", ...), from a libusb_speed value.
-const char *speedName(int libusbSpeed);
-// A configuration's bMaxPower in mA: the unit is 8 mA on super-speed links, 2 mA below.
-unsigned maxPowerMilliamps(uint8_t bMaxPower, int libusbSpeed);
+/* What went wrong in the last call that did not return USBD_HOST_OK, as one English sentence;
+ * "" after a success. Valid until the next call on this session. */
+USBD_HOST_API const char *usbd_host_error(const usbd_host *host);
 
-// ---- SHA-256, for checking what arrived
+/* ---- Devices ----------------------------------------------------------------------------- */
 
-class Sha256 {
-public:
-    static constexpr size_t kDigestSize = 32;
+typedef struct usbd_host_device usbd_host_device;
 
-    Sha256();
-    void update(const void *data, size_t size);
-    // The digest of everything updated so far; the object may not be updated afterwards.
-    std::array<uint8_t, kDigestSize> finish();
-    std::string finishHex();
+USBD_HOST_API uint8_t usbd_host_device_bus(const usbd_host_device *device);
+USBD_HOST_API uint8_t usbd_host_device_address(const usbd_host_device *device);
+USBD_HOST_API uint16_t usbd_host_device_vendor_id(const usbd_host_device *device);
+USBD_HOST_API uint16_t usbd_host_device_product_id(const usbd_host_device *device);
+/* The link speed as Linux names it: "full-speed", "high-speed", "super-speed", ... */
+USBD_HOST_API const char *usbd_host_device_speed(const usbd_host_device *device);
+USBD_HOST_API uint8_t usbd_host_device_configuration(const usbd_host_device *device);
+/* The configuration's MaxPower in mA. */
+USBD_HOST_API unsigned usbd_host_device_max_power(const usbd_host_device *device);
+USBD_HOST_API uint8_t usbd_host_device_interface(const usbd_host_device *device);
+USBD_HOST_API uint8_t usbd_host_device_alternate_setting(const usbd_host_device *device);
+/* The function's endpoints in descriptor order: count (4), then each one's address. */
+USBD_HOST_API unsigned usbd_host_device_endpoint_count(const usbd_host_device *device);
+USBD_HOST_API uint8_t usbd_host_device_endpoint(const usbd_host_device *device, unsigned index);
+/* The endpoint the device sends on (bulk IN) and the one it receives on (bulk OUT). */
+USBD_HOST_API uint8_t usbd_host_device_in_endpoint(const usbd_host_device *device);
+USBD_HOST_API uint8_t usbd_host_device_out_endpoint(const usbd_host_device *device);
+/* wMaxPacketSize of one of the function's endpoints, by address; 0 for any other address. */
+USBD_HOST_API unsigned usbd_host_device_max_packet(const usbd_host_device *device, uint8_t endpoint);
 
-private:
-    void block(const uint8_t *data);
+typedef enum usbd_host_string {
+    USBD_HOST_MANUFACTURER = 0,
+    USBD_HOST_PRODUCT = 1,
+    USBD_HOST_SERIAL = 2,
+    USBD_HOST_INTERFACE_NAME = 3
+} usbd_host_string;
 
-    uint32_t state_[8];
-    uint8_t pending_[64];
-    size_t pendingSize_ = 0;
-    uint64_t totalBytes_ = 0;
-};
+/* One of the device's strings; "" when it has none or it could not be read. */
+USBD_HOST_API const char *usbd_host_device_string(const usbd_host_device *device, usbd_host_string which);
+/* Why the strings could not be read (they need the device opened: without access, the message
+ * says which udev rule would give it); "" when they were. */
+USBD_HOST_API const char *usbd_host_device_strings_error(const usbd_host_device *device);
 
-// ---- Devices and transfers
+/* ---- Listing ----------------------------------------------------------------------------- */
 
-enum class Status {
-    Ok,
-    NotFound,     // no device carries the function (or none at the requested bus address)
-    Ambiguous,    // several do, and none was chosen
-    AccessDenied, // the device node is not open to this user
-    Busy,         // another program has claimed the interface
-    Gone,         // the device left the bus
-    Timeout,      // nothing moved for the idle time-out
-    Interrupted,  // the caller's stop flag was raised
-    Stopped,      // the caller's data callback asked to stop
-    Failed,       // any other USB error
-};
+typedef struct usbd_host_list usbd_host_list;
 
-struct DeviceInfo {
-    BusAddress location;
-    uint16_t vendorId = 0;
-    uint16_t productId = 0;
-    int speed = 0; // libusb_speed
-    uint8_t configurationValue = 0;
-    unsigned maxPowerMilliamps = 0;
-    FunctionInterface function;
-    // Strings need the device opened; when it cannot be, stringsError says why.
-    std::string manufacturer;
-    std::string product;
-    std::string serialNumber;
-    std::string interfaceName;
-    std::string stringsError;
-};
+/* Every attached device that carries the function (or the selected one), with its strings
+ * where the device may be opened. USBD_HOST_NOT_FOUND when there is none (after waiting, if
+ * set), USBD_HOST_INTERRUPTED or USBD_HOST_FAILED; *list is then NULL. */
+USBD_HOST_API usbd_host_status usbd_host_list_devices(usbd_host *host, usbd_host_list **list);
+USBD_HOST_API size_t usbd_host_list_count(const usbd_host_list *list);
+/* Valid until the list is freed. */
+USBD_HOST_API const usbd_host_device *usbd_host_list_get(const usbd_host_list *list, size_t index);
+USBD_HOST_API void usbd_host_list_free(usbd_host_list *list);
 
-// Shared by waiting and streaming: poll this flag (set from a signal handler) to give up early.
-using StopFlag = std::atomic<bool>;
+/* ---- The open device --------------------------------------------------------------------- */
 
-struct FindOptions {
-    std::optional<BusAddress> device; // only this one
-    bool wait = false;                // until the function appears (or *stop is raised)
-    const StopFlag *stop = nullptr;
-};
+/* Opens the one device carrying the function (or the selected one) and claims its interface,
+ * closing whatever the session had open before: after USBD_HOST_GONE, opening again (with
+ * waiting set) follows the device through a reset or a re-plug. USBD_HOST_NOT_FOUND,
+ * USBD_HOST_AMBIGUOUS, USBD_HOST_ACCESS_DENIED, USBD_HOST_BUSY, USBD_HOST_INTERRUPTED or
+ * USBD_HOST_FAILED otherwise. */
+USBD_HOST_API usbd_host_status usbd_host_open(usbd_host *host);
+/* The open device; NULL when none is. Valid until the session closes it. */
+USBD_HOST_API const usbd_host_device *usbd_host_opened(const usbd_host *host);
+/* Releases the interface (re-attaching a kernel driver detached for it) and closes the device.
+ * Harmless when nothing is open. */
+USBD_HOST_API void usbd_host_close(usbd_host *host);
 
-// Every attached device that carries the function, strings read where the device may be opened.
-// With wait, returns once there is at least one. Status NotFound (empty list) or Interrupted;
-// Failed when libusb cannot start; *error says what happened.
-Status listDevices(const FindOptions &options, std::vector<DeviceInfo> *devices, std::string *error);
+/* Receives every byte the device sends, in order, and hands it to sink, which returns non-zero
+ * to go on and 0 to stop (USBD_HOST_STOPPED). Ends with USBD_HOST_OK once limit bytes arrived
+ * (limit 0: no limit), USBD_HOST_TIMEOUT after the idle time, USBD_HOST_GONE when the device
+ * left, or the reason it broke off. Bytes still in flight are collected before it returns, so
+ * none is lost between two calls. The device's transfers end in whole packets: the bytes of the
+ * packet that crosses the limit beyond it are dropped (usbd_host_stream_discarded). */
+typedef int (*usbd_host_sink_fn)(const uint8_t *data, size_t size, void *user);
+USBD_HOST_API usbd_host_status usbd_host_receive(usbd_host *host, uint64_t limit, usbd_host_sink_fn sink,
+                                                 void *user);
 
-struct StreamOptions {
-    uint64_t limit = 0;        // bytes; 0 for no limit
-    int idleTimeoutMs = 10000; // end when nothing moved this long; 0 waits for ever
-    size_t transferSize = 1024 * 1024;
-    int transfersInFlight = 4;
-    const StopFlag *stop = nullptr;
-    // Called about ten times a second with the bytes moved so far.
-    std::function<void(uint64_t bytes, double seconds)> progress;
-};
+/* Sends to the device what source yields: it fills up to room bytes of buffer and returns how
+ * many, 0 at the end, or a negative number to stop (USBD_HOST_STOPPED). sent (may be NULL) sees
+ * each piece once the device has taken it. No zero-length packet follows the data: the device's
+ * receive asks for an exact size, and an empty packet would end its next receive at once. */
+typedef long (*usbd_host_source_fn)(uint8_t *buffer, size_t room, void *user);
+typedef void (*usbd_host_sent_fn)(const uint8_t *data, size_t size, void *user);
+USBD_HOST_API usbd_host_status usbd_host_send(usbd_host *host, usbd_host_source_fn source,
+                                              usbd_host_sent_fn sent, void *user);
 
-struct StreamResult {
-    Status status = Status::Ok;
-    uint64_t bytes = 0;    // delivered to the sink, or taken by the device
-    double seconds = 0;    // from the start to the last byte moved
-    uint64_t discarded = 0; // received past the limit (within the last packet) and dropped
-    std::string message;   // what went wrong, when status is not Ok
-};
+/* What the last usbd_host_receive or usbd_host_send moved: bytes handed to the sink or taken by
+ * the device, the seconds from its start to the last byte, and bytes dropped past the limit. */
+USBD_HOST_API uint64_t usbd_host_stream_bytes(const usbd_host *host);
+USBD_HOST_API double usbd_host_stream_seconds(const usbd_host *host);
+USBD_HOST_API uint64_t usbd_host_stream_discarded(const usbd_host *host);
 
-// The function of one device, opened and its interface claimed, until destroyed: then the
-// interface is released (and a kernel driver detached for it re-attached) and the device closed.
-class Link {
-public:
-    // Opens the single device carrying the function, or options.device. Status NotFound,
-    // Ambiguous, AccessDenied, Busy, Gone, Interrupted or Failed with *error saying why.
-    static Status open(const FindOptions &options, std::unique_ptr<Link> *link, std::string *error);
-    ~Link();
-    Link(const Link &) = delete;
-    Link &operator=(const Link &) = delete;
+#ifdef __cplusplus
+}
+#endif
 
-    const DeviceInfo &device() const { return device_; }
-
-    // Reads bulk IN and hands every byte, in order, to sink (which returns false to stop).
-    // Ends with Ok at the limit, Timeout after the idle time, or the reason it broke off; bytes
-    // still on their way are collected before it returns, so none is lost between calls.
-    StreamResult receive(const StreamOptions &options, const std::function<bool(const uint8_t *, size_t)> &sink);
-
-    // Writes to bulk OUT what source yields (it fills the buffer and returns the byte count, 0
-    // at the end, negative to stop); sent sees each piece once the device has taken it.
-    // No zero-length packet is sent at the end: the device's receive asks for an exact size,
-    // and a stray empty packet would end its next receive at once.
-    StreamResult send(const StreamOptions &options, const std::function<long(uint8_t *, size_t)> &source,
-                      const std::function<void(const uint8_t *, size_t)> &sent);
-
-private:
-    Link() = default;
-
-    libusb_context *context_ = nullptr;
-    libusb_device_handle *handle_ = nullptr;
-    bool claimed_ = false;
-    DeviceInfo device_;
-};
-
-// ---- Pieces of the transfer loop, exposed for their tests
-
-// How much the next bulk IN transfer may ask for: at most chunk, and with a limit no more than
-// is still missing, rounded up to whole packets (a device that fills its last packet would
-// otherwise overflow the transfer and lose that packet). 0 when nothing more may be asked for.
-size_t nextReceiveLength(uint64_t limit, uint64_t receivedOrAsked, size_t chunk, uint16_t maxPacketSize);
-
-} // namespace usbd::host
+#endif /* USBD_HOST_H */

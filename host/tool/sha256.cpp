@@ -1,12 +1,12 @@
-// SHA-256 (FIPS 180-4). Small and self-contained so that the host library needs nothing but
-// libusb; it only checks what arrived, so speed beyond the link's matters little.
+// SHA-256 (FIPS 180-4). Small and self-contained so that usbd-host needs nothing but its
+// library; it only checks what arrived, so speed beyond the link's matters little.
 
-#include <usbd/host.h>
+#include "sha256.h"
 
 #include <algorithm>
 #include <cstring>
 
-namespace usbd::host {
+namespace usbdhost {
 
 namespace {
 
@@ -126,4 +126,4 @@ std::string Sha256::finishHex()
     return text;
 }
 
-} // namespace usbd::host
+} // namespace usbdhost

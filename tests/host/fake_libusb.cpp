@@ -18,6 +18,7 @@ namespace {
 std::vector<std::shared_ptr<libusb_device>> theBus;
 std::deque<libusb_transfer *> inFlight;
 std::set<libusb_transfer *> cancelled;
+std::vector<libusb_transfer *> late; // ended, handed back at the next event handling
 int contexts = 0;
 int scanCount = 0;
 
@@ -106,8 +107,17 @@ std::vector<libusb_transfer *> step()
             complete(out, LIBUSB_TRANSFER_COMPLETED, &done);
         }
         if (gone) {
+            if (device->lateLastCompletion) {
+                const auto last = std::find_if(done.rbegin(), done.rend(), [&](libusb_transfer *t) {
+                    return deviceOf(t) == device && t->actual_length > 0;
+                });
+                if (last != done.rend()) {
+                    late.push_back(*last);
+                    done.erase(std::next(last).base());
+                }
+            }
             while (libusb_transfer *transfer = head(device, true))
-                complete(transfer, LIBUSB_TRANSFER_NO_DEVICE, &done);
+                complete(transfer, LIBUSB_TRANSFER_NO_DEVICE, &late);
             while (libusb_transfer *transfer = head(device, false))
                 complete(transfer, LIBUSB_TRANSFER_NO_DEVICE, &done);
             theBus.erase(std::find(theBus.begin(), theBus.end(), shared));
@@ -146,6 +156,7 @@ void reset()
     theBus.clear();
     inFlight.clear();
     cancelled.clear();
+    late.clear();
     scanCount = 0;
 }
 
@@ -350,7 +361,10 @@ int LIBUSB_CALL libusb_cancel_transfer(libusb_transfer *transfer)
 
 int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context *, struct timeval *, int *)
 {
-    const std::vector<libusb_transfer *> done = step();
+    std::vector<libusb_transfer *> done;
+    done.swap(late);
+    if (done.empty())
+        done = step();
     for (libusb_transfer *transfer : done)
         transfer->callback(transfer);
     // Nothing moved: the time a real wait would pass, shortened to keep the tests quick.

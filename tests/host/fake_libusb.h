@@ -29,6 +29,10 @@ struct libusb_device {
     std::deque<std::vector<uint8_t>> packets;
     // Bulk IN: leave the bus once this much has been delivered (0: never).
     uint64_t goneAfter = 0;
+    // When it leaves, the last transfer that took bytes comes back only at the next event
+    // handling, after the device is off the bus: usbfs can hand back a completed transfer after
+    // the host library has already seen a new one fail to submit.
+    bool lateLastCompletion = false;
     // Bulk OUT: what the device takes before it stops reading, and what it took.
     uint64_t outCapacity = 0;
     std::vector<uint8_t> outData;

@@ -515,21 +515,34 @@ public:
     }
 
     bool stopping() const { return stopping_; }
-    bool broken() const
-    {
-        return status_ != USBD_HOST_OK && status_ != USBD_HOST_INTERRUPTED
-               && status_ != USBD_HOST_TIMEOUT;
-    }
+
+    // Whether the bytes of transfers still to come back are left out: once the caller has
+    // stopped taking them, or once a transfer failed in a way that can lose bytes (a stall, an
+    // overflow, an error), after which later bytes would not follow on from those taken. Any
+    // other end keeps them: the transfers still out were submitted before it and the endpoint
+    // fills them in order. (A device that leaves can hand back a full transfer after a new one
+    // has already failed to submit; its bytes arrived before it left.)
+    bool broken() const { return refused_ || lost_; }
 
     // The first reason to end wins; later ones (the cancellations it causes) are consequences.
     void end(usbd_host_status status, std::string message, Transfers &transfers)
     {
+        if (status == USBD_HOST_STOPPED)
+            refused_ = true;
         if (!stopping_) {
             stopping_ = true;
             status_ = status;
             message_ = std::move(message);
         }
         transfers.cancelAll();
+    }
+
+    // A transfer came back failed: it ends the stream, and bytes may be missing after its own.
+    void transferFailed(usbd_host_status status, std::string message, Transfers &transfers)
+    {
+        if (status == USBD_HOST_FAILED)
+            lost_ = true;
+        end(status, std::move(message), transfers);
     }
 
     // A transfer that could not even be submitted ends the stream: `doing` says what was tried.
@@ -581,14 +594,17 @@ private:
     Clock::time_point lastMoved_;
     Clock::time_point lastProgress_{};
     bool stopping_ = false;
+    bool refused_ = false;
+    bool lost_ = false;
     usbd_host_status status_ = USBD_HOST_OK;
     std::string message_;
 };
 
 // The loop both directions share. `fill(slot)` submits one free slot and returns false when no
 // more should go out for now; `take(length, buffer)` sees each completed transfer's bytes
-// (unless the stream already broke) before its slot is released. A transfer that ends badly
-// ends the stream; the transfers still in flight are then cancelled and waited for.
+// (unless the stream broke, see StreamState::broken) before its slot is released. A transfer
+// that ends badly ends the stream; the transfers still in flight are then cancelled and
+// waited for.
 template <typename Fill, typename Take>
 usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take take,
                       bool *transferFailed)
@@ -611,7 +627,7 @@ usbd_host_status pump(Transfers &transfers, StreamState &state, Fill fill, Take 
             const usbd_host_status status = transferStatus(transfer, &message, transferFailed);
             transfers.release(slot);
             if (status != USBD_HOST_OK)
-                state.end(status, message, transfers);
+                state.transferFailed(status, message, transfers);
         }
         state.checkTick(transfers);
     }

@@ -17,6 +17,7 @@ namespace {
 std::vector<std::shared_ptr<libusb_device>> theBus;
 std::deque<libusb_transfer *> inFlight;
 std::set<libusb_transfer *> cancelled;
+std::vector<libusb_transfer *> late; // ended, handed back at the next event handling
 int contexts = 0;
 int scanCount = 0;
 
@@ -112,8 +113,17 @@ std::vector<libusb_transfer *> step()
         if (gone) {
             const auto status =
                 device->goneAsError ? LIBUSB_TRANSFER_ERROR : LIBUSB_TRANSFER_NO_DEVICE;
+            if (device->lateLastCompletion) {
+                const auto last = std::find_if(done.rbegin(), done.rend(), [&](libusb_transfer *t) {
+                    return deviceOf(t) == device && t->actual_length > 0;
+                });
+                if (last != done.rend()) {
+                    late.push_back(*last);
+                    done.erase(std::next(last).base());
+                }
+            }
             while (libusb_transfer *transfer = head(device, true))
-                complete(transfer, status, &done);
+                complete(transfer, status, &late);
             while (libusb_transfer *transfer = head(device, false))
                 complete(transfer, status, &done);
             theBus.erase(std::find(theBus.begin(), theBus.end(), shared));
@@ -153,6 +163,7 @@ void reset()
     theBus.clear();
     inFlight.clear();
     cancelled.clear();
+    late.clear();
     scanCount = 0;
 }
 
@@ -373,7 +384,10 @@ int LIBUSB_CALL libusb_cancel_transfer(libusb_transfer *transfer)
 
 int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context *, struct timeval *, int *)
 {
-    const std::vector<libusb_transfer *> done = step();
+    std::vector<libusb_transfer *> done;
+    done.swap(late);
+    if (done.empty())
+        done = step();
     for (libusb_transfer *transfer : done)
         transfer->callback(transfer);
     // Nothing moved: the time a real wait would pass, shortened to keep the tests quick.

@@ -31,6 +31,10 @@ struct libusb_device {
     // transfers in flight as gone, or as a controller that reports a protocol error first does.
     uint64_t goneAfter = 0;
     bool goneAsError = false;
+    // When it leaves, the last transfer that took bytes comes back only at the next event
+    // handling, after the device is off the bus: usbfs can hand back a completed transfer after
+    // the host library has already seen a new one fail to submit.
+    bool lateLastCompletion = false;
     // Bulk OUT: what the device takes before it stops reading, and what it took.
     uint64_t outCapacity = 0;
     std::vector<uint8_t> outData;

@@ -136,6 +136,28 @@ TEST_F(LinkTest, EndsKeepWhatArrived)
     EXPECT_TRUE(std::equal(got.begin(), got.end(), pattern(5 * 1024 * 1024, 4).begin()));
 }
 
+// A real device's transfers come back from usbfs one by one: a full one can be handed back after
+// the device has left and the library has already seen the next transfer fail to submit. The
+// bytes it holds arrived before the device left, in order, and a stream that drops them loses
+// the end of the last write the device made.
+TEST_F(LinkTest, KeepsWhatArrivedWhenItComesBackAfterTheDeviceLeft)
+{
+    auto device = plug();
+    ASSERT_EQ(open(), USBD_HOST_OK) << error();
+    // Two writes that end in short packets fill a transfer each; the device leaves after them.
+    device->write(pattern(3000, 1));
+    device->write(pattern(5000, 2));
+    device->goneAfter = 8000;
+    device->lateLastCompletion = true;
+    std::vector<uint8_t> got;
+    EXPECT_EQ(receive(0, &got), USBD_HOST_GONE);
+    std::vector<uint8_t> expected = pattern(3000, 1);
+    const std::vector<uint8_t> second = pattern(5000, 2);
+    expected.insert(expected.end(), second.begin(), second.end());
+    EXPECT_EQ(usbd_host_stream_bytes(host_), 8000u);
+    EXPECT_TRUE(got == expected);
+}
+
 TEST_F(LinkTest, SmallerTransfersWhenTheKernelLacksMemory)
 {
     auto device = plug();

@@ -140,6 +140,7 @@ def main():
     cycles = int(sys.argv[1]) if len(sys.argv) > 1 else 1000
     rng = random.Random(cycles)
     device.set_up()
+    suite.small_pages_only()
     suite.start_daemon()
     pid = suite.state["usbd"].pid
     wait_for(lambda: os.path.exists(client.DEFAULT_SOCKET_PATH), what="the daemon's socket")

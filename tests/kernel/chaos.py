@@ -177,6 +177,7 @@ class Daemon:
                    # The monotonic clock in seconds, as every other part of the test reads it.
                    QT_MESSAGE_PATTERN="%{time boot} %{if-category}%{category}: %{endif}%{message}")
         self.log = open(self.log_path, "ab")
+        suite.small_pages_only()
         self.process = subprocess.Popen([USBD], stdout=self.log, stderr=subprocess.STDOUT, env=env)
         suite.state["usbd"] = self.process
         wait_for(lambda: os.path.exists("/dev/usb-ffs/bulk/ep4"), what="the daemon's descriptors")

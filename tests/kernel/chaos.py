@@ -12,7 +12,7 @@ deploy/gadget/usbd-gadget and the unmodified daemon. Then, all at once:
   them sending an interrupt now and then), 2 D-Bus senders (send_data, and send_file of several
   pieces of a file with padding) and receives (open_file, two waiting at any time, fed by the
   host over bulk OUT);
-- faults, one at a time at random intervals from the seed: the controller unbound and bound
+- faults, one at a time at seeded random intervals: the controller unbound and bound
   again, the cable pulled (soft_connect) and plugged back, the host stopping reading for a
   while, the host resetting the device or closing and opening it again, the controller's module
   unloaded and loaded again; a pull, an unbind or an unload comes in the middle of a host stall
